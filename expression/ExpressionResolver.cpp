@@ -1,0 +1,1 @@
+#include "expression/ExpressionResolver.h"

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <map>
+#include <vector>
+
+#include "String.h"
+#include "XCode.h"
+
+// One entry of a manifest: its key/value parameters.
+class KtManifestEntry {
+public:
+    bool hasParam(const String& key) const;
+    String getParam(const String& key) const;  // empty when absent
+    void setParam(const String& key, const String& value);
+    const std::vector<std::pair<String, String>>& params() const { return params_; }
+
+private:
+    std::vector<std::pair<String, String>> params_;  // in order of appearance; later keys win
+};
+
+// Manifest text: one key=value per line; the value is everything after the first '=' up to the
+// line end (a trailing carriage return removed). Blank lines and lines starting with '#' are
+// ignored; any other line without '=' is an error that names its line number.
+class KtManifestParser {
+public:
+    [[nodiscard]] XCode parse(const String& text);
+    // An error when nothing has been parsed yet or the manifest held no parameter.
+    [[nodiscard]] XCode getManifestEntry(KtManifestEntry& entry) const;
+
+private:
+    bool parsed_ = false;
+    KtManifestEntry entry_;
+};

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "KtFunction.h"
+#include "String.h"
+#include "XCode.h"
+
+namespace Kt {
+
+class RunningCommand;  // the platform's record of one child process
+
+// Handle of a background command started by Shell::invoke. Copies share the command. Destroying
+// the last handle of a command still running abandons it: its callbacks never run, the child is
+// terminated and reaped, and its descriptors are closed.
+template <typename T>
+class Future {
+public:
+    Future() = default;
+    explicit Future(std::shared_ptr<RunningCommand> command) : command_(std::move(command)) {}
+
+    bool isValid() const { return command_ != nullptr; }
+    // Releases this handle (abandoning the command if it was the last).
+    void reset() { command_.reset(); }
+    // Blocks until the command has ended and its result has been delivered or abandoned. Must not
+    // be called on the loop that receives the command's callbacks.
+    [[nodiscard]] XCode wait() const;
+    bool isFinished() const;
+    std::shared_ptr<RunningCommand> command() const { return command_; }
+
+private:
+    std::shared_ptr<RunningCommand> command_;
+};
+
+// Runs programs without a shell: the command line is split into words (blanks and tabs separate,
+// double quotes group and are removed, nothing else is special) and the first word is executed
+// directly. Program names without a slash are looked up on PATH after the tool map below.
+class Shell {
+public:
+    using ResultCallback = Function<void(XCode, String)>;
+    using OutputCallback = Function<void(String)>;
+
+    // Starts the command in the background and returns at once. Output of standard output and
+    // standard error is delivered piece by piece while the command runs; `result` is called
+    // once, after the command ended, with success for exit status 0, the exit status (family
+    // 0x12) or the signal (family 0x13) otherwise, and all output. A command that cannot be
+    // started returns an error and calls nothing.
+    [[nodiscard]] static XCode invoke(const String& commandLine, ResultCallback result,
+                                      OutputCallback output, OutputCallback errorOutput,
+                                      Future<String>& future);
+    // Runs the command to its end on the calling thread. `output`, when given, receives both
+    // streams.
+    [[nodiscard]] static XCode execute(const String& commandLine, String* output = nullptr);
+
+    static std::vector<String> SPLIT_WORDS(const String& commandLine);
+
+    // Program names that the device knows under another name on this host: "tftp" runs the
+    // BusyBox applet, for instance. Set by the host; thread-safe.
+    static void SET_TOOL(const String& name, const std::vector<String>& replacementPrefix);
+    static std::vector<String> RESOLVE_TOOL(const std::vector<String>& words);
+    // Number of commands started and not yet reaped (for tests and benchmarks).
+    static std::size_t RUNNING_COMMANDS();
+};
+
+}  // namespace Kt

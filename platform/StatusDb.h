@@ -1,0 +1,58 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+
+#include "String.h"
+#include "XCode.h"
+
+// The slice of the device's configuration database that provisioning writes: the provisioning
+// status record and its location field. The simulated database keeps the record in memory and
+// mirrors the location into the device directory's "status/provisioning-location".
+namespace DB {
+
+class FieldString {
+public:
+    [[nodiscard]] XCode operator=(const String& value);
+    String get() const;
+
+private:
+    friend struct SystemProvisioningStatusRecord;
+    mutable std::mutex mutex_;
+    String value_;
+};
+
+struct SystemProvisioningStatusRecord {
+    FieldString location;
+};
+
+template <typename T>
+using Ptr = std::shared_ptr<T>;
+
+enum ObjectType_ : unsigned int {};
+enum ObjectStatus_ : unsigned int {};
+
+namespace Table {
+namespace Cfg {
+namespace QueryAllByKey {
+struct Key {
+    Key(ObjectType_ type, ObjectStatus_ status) : objectType(type), objectStatus(status) {}
+    ObjectType_ objectType;
+    ObjectStatus_ objectStatus;
+};
+}  // namespace QueryAllByKey
+}  // namespace Cfg
+
+class SystemProvisioningStatus {
+public:
+    // The record for the key; an error when there is none (only key (2, 10) exists, and only
+    // while the database is available).
+    [[nodiscard]] static XCode find(const Cfg::QueryAllByKey::Key& key,
+                                    Ptr<SystemProvisioningStatusRecord>& record);
+    // Test and host controls of the simulated database.
+    static void SET_AVAILABLE(bool available);
+    static Ptr<SystemProvisioningStatusRecord> RECORD();
+};
+
+}  // namespace Table
+}  // namespace DB
