@@ -9,7 +9,7 @@ extern RTD::Monitor* MON_XFER;  // one line per acted-on transfer
 
 namespace ProvLog {
 
-constexpr int LEVEL_FAILURE = 3;  // the failure of a whole job
+constexpr int LEVEL_FAILURE = 3;   // the failure of a whole job
 constexpr int LEVEL_PROGRESS = 6;  // progress and the failure of one location
 
 // Each returns at once when the monitor is null.

@@ -1,10 +1,155 @@
 #include "host/Provctl.h"
 
 #include <cstdio>
+#include <memory>
+
+#include "host/CommandLine.h"
+#include "host/DeviceSettings.h"
+#include "host/JobRunner.h"
+#include "host/Report.h"
+#include "host/StderrMonitors.h"
+#include "host/StopSignals.h"
+#include "platform/Device.h"
+#include "platform/Shell.h"
+#include "platform/SimulatedSystemStatus.h"
+#include "platform/SystemStatus.h"
 
 namespace Provctl {
-int MAIN(int, char**) {
-    std::fprintf(stderr, "provctl: not yet\n");
-    return 2;
+
+namespace {
+
+constexpr int EXIT_OK = 0;
+constexpr int EXIT_FAILED = 1;
+constexpr int EXIT_USAGE = 2;
+
+String deviceDirectory(const Options& options) {
+    return options.device.isEmpty() ? DEFAULT_DEVICE_DIRECTORY() : options.device;
 }
+
+void printError(const XCode& error) {
+    std::fprintf(stderr, "provctl: %s\n", error.getString().c_str());
+}
+
+// The device file and the command line together; false (message printed) on a usage error.
+bool loadSettings(const Options& options, const String& directory, DeviceSettings& settings,
+                  ExpressionResolver& resolver) {
+    XCode result = LOAD_DEVICE_FILE(directory + "/device.toml", settings);
+    if (result.isSuccess()) {
+        result = APPLY_COMMAND_LINE(options, settings);
+    }
+    if (result.isSuccess()) {
+        result = FILL_RESOLVER(settings, resolver);
+    }
+    if (result.isErr()) {
+        printError(result);
+        return false;
+    }
+    return true;
+}
+
+// Reads the device directory but creates and changes nothing in it.
+int runResolve(const Options& options) {
+    DeviceSettings settings;
+    ExpressionResolver resolver;
+    if (!loadSettings(options, deviceDirectory(options), settings, resolver)) {
+        return EXIT_USAGE;
+    }
+    String text = options.text;
+    XCode result = resolver.replaceAllExpressions(text);
+    if (result.isErr()) {
+        result.extendString("CANNOT RESOLVE ALL EXPRESSIONS", ": ");
+        std::fprintf(stderr, "%s\n", result.toString().c_str());
+        return EXIT_FAILED;
+    }
+    std::fwrite(text.data(), 1, static_cast<std::size_t>(text.length()), stdout);
+    std::fputc('\n', stdout);
+    return EXIT_OK;
+}
+
+bool isUpgradeJob(const String& kind) {
+    return kind == "firmware" || kind == "script";
+}
+
+int runJob(const Options& options) {
+    const String directory = deviceDirectory(options);
+    Device::SET_ROOT(directory);
+    XCode prepared = Device::MAKE_DIRECTORIES(directory);
+    if (prepared.isSuccess()) {
+        prepared = Device::PREPARE();
+    }
+    if (prepared.isErr()) {
+        printError(prepared);
+        return EXIT_FAILED;
+    }
+
+    DeviceSettings settings;
+    JobRequest request;
+    ExpressionResolver resolver;
+    if (!loadSettings(options, directory, settings, resolver)) {
+        return EXIT_USAGE;
+    }
+    XCode credentialsAdded = FILL_CREDENTIALS(settings, request.credentials);
+    if (credentialsAdded.isErr()) {
+        printError(credentialsAdded);
+        return EXIT_USAGE;
+    }
+    request.kind = options.command;
+    request.name = options.name.isEmpty() ? options.command : options.name;
+    request.reloadType = ProvisioningJob::STRING_TO_RELOAD_TYPE(options.reload);
+    request.compare = options.compare;
+    for (const String& location : options.locations) {
+        request.locations.pushBack(location);
+    }
+    request.resolver = &resolver;
+    request.httpsGiven = settings.httpsGiven;
+    request.auth1 = settings.httpsCa;
+    request.auth2 = settings.httpsCert;
+    request.auth3 = settings.httpsKey;
+    request.sourceName = options.source;
+    request.dialplanName = options.dialplan;
+
+    StderrMonitors monitors(options.level);
+    DRIVER::INSTANCE().registerInterface(DID_SystemStatus(), "provctl",
+                                         std::make_shared<SimulatedSystemStatus>());
+    Kt::Shell::SET_TOOL("tftp", {"busybox", "tftp"});
+
+    INSTALL_STOP_SIGNALS();
+    JobOutcome outcome;
+    {
+        KtEventLoop loop;
+        outcome = RUN_JOB(request, loop);
+    }
+    REMOVE_STOP_SIGNALS();
+
+    if (isUpgradeJob(request.kind) && !outcome.interrupted) {
+        XCode applied = APPLY_TO_SLOTS(outcome, request.reloadType);
+        if (applied.isErr()) {
+            std::fprintf(stderr, "provctl: cannot update the slot state: %s\n",
+                         applied.toString().c_str());
+        }
+    }
+    DRIVER::INSTANCE().unregisterAll();
+
+    const String report = options.json ? DUMP_JSON(OUTCOME_TO_JSON(outcome)) + "\n"
+                                       : OUTCOME_TO_TEXT(request.name, outcome);
+    std::fwrite(report.data(), 1, static_cast<std::size_t>(report.length()), stdout);
+    std::fflush(stdout);
+    return outcome.result.isSuccess() ? EXIT_OK : EXIT_FAILED;
+}
+
+}  // namespace
+
+int MAIN(int argc, char** argv) {
+    Options options;
+    switch (PARSE_COMMAND_LINE(argc, argv, options)) {
+        case ParseOutcome::Done:
+            return EXIT_OK;
+        case ParseOutcome::UsageError:
+            return EXIT_USAGE;
+        case ParseOutcome::Run:
+            break;
+    }
+    return options.command == "resolve" ? runResolve(options) : runJob(options);
+}
+
 }  // namespace Provctl

@@ -1,3 +1,5 @@
 #include "host/Provctl.h"
 
-int main(int argc, char** argv) { return Provctl::MAIN(argc, argv); }
+int main(int argc, char** argv) {
+    return Provctl::MAIN(argc, argv);
+}

@@ -51,6 +51,8 @@ bool KtEventLoop::runOne(std::unique_lock<std::mutex>& queueLock) {
         std::lock_guard<std::recursive_mutex> guard(eventLock_);
         event();
     }
+    // Released before the queue is locked again: what the event captured may post on destruction.
+    event = nullptr;
     queueLock.lock();
     return true;
 }
@@ -77,11 +79,15 @@ bool KtEventLoop::runUntil(const std::function<bool()>& done, std::chrono::milli
         if (finished) {
             return true;
         }
-        if (!runOne(queueLock)) {
-            if (!wakeUp_.wait_until(queueLock, deadline, [this] { return !queue_.empty(); })) {
+        if (runOne(queueLock)) {
+            // A loop that never runs dry still ends at the deadline.
+            if (std::chrono::steady_clock::now() >= deadline) {
                 queueLock.unlock();
                 return done();
             }
+        } else if (!wakeUp_.wait_until(queueLock, deadline, [this] { return !queue_.empty(); })) {
+            queueLock.unlock();
+            return done();
         }
     }
 }

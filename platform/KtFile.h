@@ -6,9 +6,12 @@
 #include "XCode.h"
 
 // A file of the device. Device paths under "/flash/" are mapped into the device directory
-// (see Device.h); every other path is used as it is.
+// (see Device.h); every other path is used as it is. A mapped flash path that climbs out of
+// flash with ".." is refused by open() and remove() ("PATH LEAVES FLASH: <path>").
+// Errors carry the errno as XCode::fromErrno and a message that names the device path,
+// "CANNOT OPEN /flash/x: Permission denied". One object is used by one thread at a time.
 class KtFile {
-public:
+  public:
     enum XOFlag { XO_NONE = 0, XO_CLOSE_ON_EXEC = 1 };
 
     // `mapped`: map device paths (true everywhere in the engine); `unused` is kept for the
@@ -20,12 +23,19 @@ public:
 
     // flags are Linux open(2) flags (0 read only, 65 write+create, 577 write+create+truncate).
     // A write with O_TRUNC goes to a temporary beside the target that close() renames over it,
-    // so a reader never sees a torn file and a failed write leaves the old file intact.
+    // so a reader never sees a torn file and a failed write leaves the old file intact. The
+    // temporary is created with `mode` (less the umask) and, as any truncating write, ends up
+    // with that mode also when it replaces an older file. The descriptor is always close-on-exec
+    // (XO_CLOSE_ON_EXEC is accepted and implied), so no spawned tool inherits it.
     [[nodiscard]] XCode open(int flags, unsigned int mode, XOFlag xoFlag);
-    // Reads all that is left into `content`; `eof` tells whether the end was reached.
+    // `content` is replaced by what is read: all that is left when `all`, else one block.
+    // `eof` tells whether the end was reached.
     [[nodiscard]] XCode read(String& content, bool& eof, bool all);
+    // Writes `size` bytes, all of them when `all` (retrying short writes), else what one write
+    // takes. After a failed write, close() no longer commits a truncating write.
     [[nodiscard]] XCode writeFixedSizeBlocking(const void* data, unsigned int size, bool all);
-    // Closes; for a truncating write, commits the new content (fsync and rename).
+    // Closes (success when nothing is open); for a truncating write, commits the new content
+    // (fsync and rename). A commit that fails removes the temporary and keeps the old file.
     [[nodiscard]] XCode close();
     [[nodiscard]] XCode remove();
 
@@ -37,15 +47,23 @@ public:
     template <typename T>
     [[nodiscard]] static XCode READ_TEXT_FILE(const String& path, T& content, int flags,
                                               bool mapped, bool strict);
-    // Whole-file writer with the atomic replace described at open().
+    // Whole-file writer with the atomic replace described at open() (flags 577, mode 0644;
+    // `path` is mapped).
     [[nodiscard]] static XCode WRITE_TEXT_FILE(const String& path, const String& content);
+    // The same for a path that is mapped only when `mapped` (false: a host path).
+    [[nodiscard]] static XCode WRITE_TEXT_FILE(const String& path, const String& content,
+                                               bool mapped);
 
-private:
+  private:
     void abandonTemporary();
+
+    [[nodiscard]] XCode systemError(int error, const char* what) const;
 
     String path_;
     String systemPath_;
     String temporaryPath_;
+    XCode pathError_;  // set when the mapped path leaves flash
+    bool writeFailed_ = false;
     int fd_ = -1;
 };
 

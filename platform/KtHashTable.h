@@ -22,12 +22,17 @@ struct StringCompare {
 
 // Fixed-size chained hash table: a bucket count set at construction and never changed; each
 // bucket is a circular doubly linked list created on first use; all entries are also on one list
-// in insertion order (newest first). Copies keep the order by inserting oldest first.
+// in insertion order (newest first). Copies keep the order by inserting oldest first. Not
+// thread-safe: the owner serialises access.
 template <typename K, typename V, typename Hash, typename Compare>
 class KtHashTable {
-public:
+  public:
+    // A bucket count of 0 is taken as 1.
     explicit KtHashTable(unsigned int buckets = 16);
+    // Takes the other's bucket count.
     KtHashTable(const KtHashTable& other);
+    // Removes this table's entries first and keeps its bucket count; self-assignment does
+    // nothing.
     KtHashTable& operator=(const KtHashTable& other);
     ~KtHashTable();
 
@@ -40,8 +45,12 @@ public:
     unsigned int bucketCount() const { return static_cast<unsigned int>(buckets_.size()); }
     // Keys from newest to oldest.
     std::vector<K> keys() const;
+    // Entries in one bucket, counted round its circular list (0 for a bucket never used).
+    unsigned int bucketLength(unsigned int bucket) const;
+    // The bucket a key belongs in: Hash modulo the bucket count.
+    unsigned int bucketOfKey(const K& key) const { return bucketOf(key); }
 
-private:
+  private:
     struct Entry {
         K key;
         V value;
@@ -54,6 +63,8 @@ private:
         return Hash()(key) % static_cast<unsigned int>(buckets_.size());
     }
     void copyFrom(const KtHashTable& other);
+    Entry* lookup(const K& key) const;
+    void unlink(Entry* entry);
 
     std::vector<Entry*> buckets_;  // head of each circular list, null until first use
     Entry* newest_ = nullptr;

@@ -8,26 +8,29 @@
 
 // One entry of a manifest: its key/value parameters.
 class KtManifestEntry {
-public:
+  public:
     bool hasParam(const String& key) const;
     String getParam(const String& key) const;  // empty when absent
     void setParam(const String& key, const String& value);
     const std::vector<std::pair<String, String>>& params() const { return params_; }
 
-private:
+  private:
     std::vector<std::pair<String, String>> params_;  // in order of appearance; later keys win
 };
 
-// Manifest text: one key=value per line; the value is everything after the first '=' up to the
-// line end (a trailing carriage return removed). Blank lines and lines starting with '#' are
-// ignored; any other line without '=' is an error that names its line number.
+// Manifest text: one key=value per line; the key is trimmed of white space, the value is
+// everything after the first '=' up to the line end (a trailing carriage return removed, nothing
+// else). Blank lines and lines whose first non-blank character is '#' are ignored; any other line
+// without '=' is an error that names its line number, "MANIFEST PARSE ERROR AT LINE <n>: missing
+// '='" (and a line with nothing before '=' is one too: "...: missing key"). A new parse()
+// replaces what an earlier one found, also when it fails.
 class KtManifestParser {
-public:
+  public:
     [[nodiscard]] XCode parse(const String& text);
     // An error when nothing has been parsed yet or the manifest held no parameter.
     [[nodiscard]] XCode getManifestEntry(KtManifestEntry& entry) const;
 
-private:
+  private:
     bool parsed_ = false;
     KtManifestEntry entry_;
 };

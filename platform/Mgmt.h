@@ -6,32 +6,34 @@
 
 // The management layer's lock that guards the device values while expressions are resolved.
 class KtEventSync {
-public:
-    // Success once taken; an error (try again) when another thread holds it.
+  public:
+    // Success once taken (recursive: the holder may take it again); an error at once, without
+    // waiting, when another thread holds it; the caller tries again.
     [[nodiscard]] XCode lock();
+    // Releases one successful lock() of the calling thread.
     void unlock();
 
-private:
+  private:
     std::recursive_timed_mutex mutex_;
 };
 
 template <typename Lock>
 class KtAutoLock {
-public:
+  public:
     explicit KtAutoLock(Lock& lock) : lock_(lock) {}
     ~KtAutoLock() { lock_.unlock(); }
     KtAutoLock(const KtAutoLock&) = delete;
     KtAutoLock& operator=(const KtAutoLock&) = delete;
 
-private:
+  private:
     Lock& lock_;
 };
 
 class IManagement {
-public:
+  public:
     KtEventSync& getEventSync() { return sync_; }
 
-private:
+  private:
     KtEventSync sync_;
 };
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <memory>
 #include <vector>
 
@@ -16,7 +18,7 @@ class RunningCommand;  // the platform's record of one child process
 // terminated and reaped, and its descriptors are closed.
 template <typename T>
 class Future {
-public:
+  public:
     Future() = default;
     explicit Future(std::shared_ptr<RunningCommand> command) : command_(std::move(command)) {}
 
@@ -29,15 +31,23 @@ public:
     bool isFinished() const;
     std::shared_ptr<RunningCommand> command() const { return command_; }
 
-private:
+  private:
     std::shared_ptr<RunningCommand> command_;
 };
+
+// The platform provides the members for command handles. isFinished() holds once the command has
+// ended (the result callback may still be under way); wait() returns the result once it has been
+// handed to the callback. A handle without command counts as finished; waiting on it is an error.
+template <>
+[[nodiscard]] XCode Future<String>::wait() const;
+template <>
+bool Future<String>::isFinished() const;
 
 // Runs programs without a shell: the command line is split into words (blanks and tabs separate,
 // double quotes group and are removed, nothing else is special) and the first word is executed
 // directly. Program names without a slash are looked up on PATH after the tool map below.
 class Shell {
-public:
+  public:
     using ResultCallback = Function<void(XCode, String)>;
     using OutputCallback = Function<void(String)>;
 
@@ -46,21 +56,28 @@ public:
     // once, after the command ended, with success for exit status 0, the exit status (family
     // 0x12) or the signal (family 0x13) otherwise, and all output. A command that cannot be
     // started returns an error and calls nothing.
+    // Callbacks are called from the shell's own thread, in the order the output was read and the
+    // result last; async ones therefore arrive on their loop in that order. Direct and sync ones
+    // run on the shell's thread and must return quickly.
     [[nodiscard]] static XCode invoke(const String& commandLine, ResultCallback result,
                                       OutputCallback output, OutputCallback errorOutput,
                                       Future<String>& future);
-    // Runs the command to its end on the calling thread. `output`, when given, receives both
-    // streams.
+    // Runs the command to its end on the calling thread. `output`, when given, is set to both
+    // streams as the command wrote them; without it they go to /dev/null.
     [[nodiscard]] static XCode execute(const String& commandLine, String* output = nullptr);
 
     static std::vector<String> SPLIT_WORDS(const String& commandLine);
 
     // Program names that the device knows under another name on this host: "tftp" runs the
-    // BusyBox applet, for instance. Set by the host; thread-safe.
+    // BusyBox applet, for instance. Set by the host; thread-safe. An empty prefix makes the name
+    // run as itself again.
     static void SET_TOOL(const String& name, const std::vector<String>& replacementPrefix);
     static std::vector<String> RESOLVE_TOOL(const std::vector<String>& words);
     // Number of commands started and not yet reaped (for tests and benchmarks).
     static std::size_t RUNNING_COMMANDS();
+    // Blocks until at most `count` commands are left unreaped; false when the timeout passed
+    // first. An abandoned command has closed its descriptors by the time it counts as reaped.
+    static bool WAIT_FOR_RUNNING_COMMANDS(std::size_t count, std::chrono::milliseconds timeout);
 };
 
 }  // namespace Kt

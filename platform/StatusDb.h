@@ -11,18 +11,23 @@
 // mirrors the location into the device directory's "status/provisioning-location".
 namespace DB {
 
+// A string field of a record. Thread-safe.
 class FieldString {
-public:
+  public:
+    // Stores the value; a mirrored field first writes its file (atomically) and fails, keeping
+    // the old value, only when that write fails.
     [[nodiscard]] XCode operator=(const String& value);
     String get() const;
 
-private:
+  private:
     friend struct SystemProvisioningStatusRecord;
     mutable std::mutex mutex_;
     String value_;
+    String mirrorName_;  // file name under <root>/status/, empty for no mirror
 };
 
 struct SystemProvisioningStatusRecord {
+    SystemProvisioningStatusRecord() { location.mirrorName_ = "provisioning-location"; }
     FieldString location;
 };
 
@@ -44,14 +49,17 @@ struct Key {
 }  // namespace Cfg
 
 class SystemProvisioningStatus {
-public:
+  public:
     // The record for the key; an error when there is none (only key (2, 10) exists, and only
     // while the database is available).
     [[nodiscard]] static XCode find(const Cfg::QueryAllByKey::Key& key,
                                     Ptr<SystemProvisioningStatusRecord>& record);
+    // The lookup's error: "NO STATUS RECORD FOR KEY (<t>, <s>)".
     // Test and host controls of the simulated database.
     static void SET_AVAILABLE(bool available);
     static Ptr<SystemProvisioningStatusRecord> RECORD();
+    // A fresh record (empty location) and the database available again.
+    static void RESET();
 };
 
 }  // namespace Table

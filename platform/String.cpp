@@ -197,8 +197,10 @@ bool String::split(char separator, String& left, String& right) const {
     if (found == std::string::npos) {
         return false;
     }
-    left = String(text_.substr(0, found));
-    right = String(text_.substr(found + 1));
+    String head(text_.substr(0, found));
+    String tail(text_.substr(found + 1));
+    left = std::move(head);
+    right = std::move(tail);
     return true;
 }
 

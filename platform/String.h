@@ -28,7 +28,11 @@ public:
     const char* data() const { return text_.data(); }
     int length() const { return static_cast<int>(text_.size()); }
     bool isEmpty() const { return text_.empty(); }
-    char at(int position) const { return text_[static_cast<std::size_t>(position)]; }
+    // '\0' outside the text.
+    char at(int position) const {
+        return position >= 0 && position < length() ? text_[static_cast<std::size_t>(position)]
+                                                    : '\0';
+    }
     const std::string& str() const { return text_; }
     std::string& str() { return text_; }
 
@@ -60,6 +64,7 @@ public:
     unsigned int toUnsigned() const;
 
     // Splits at the first `separator`: false (and both outputs untouched) when there is none.
+    // Either output may be this string itself.
     bool split(char separator, String& left, String& right) const;
     // Splits at every `separator`; empty pieces are kept.
     std::vector<String> split(char separator) const;

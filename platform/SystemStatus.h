@@ -13,7 +13,7 @@ using DriverId = unsigned int;
 DriverId DID_SystemStatus();
 
 class ISystemStatus {
-public:
+  public:
     virtual ~ISystemStatus() = default;
     static const char* IID() { return "ISystemStatus"; }
     virtual XCode setSubsystemBusy(unsigned int subsystem, bool busy) = 0;
@@ -24,7 +24,7 @@ class KtLockPtr;
 // Reference-counted interface pointer that can be locked for exclusive use during one call.
 template <typename T>
 class KtPPtr {
-public:
+  public:
     KtPPtr() = default;
     KtPPtr(std::shared_ptr<T> object, std::shared_ptr<std::recursive_mutex> mutex)
         : object_(std::move(object)), mutex_(std::move(mutex)) {}
@@ -36,13 +36,13 @@ public:
         mutex_.reset();
     }
 
-private:
+  private:
     std::shared_ptr<T> object_;
     std::shared_ptr<std::recursive_mutex> mutex_;
 };
 
 class KtLockPtr {
-public:
+  public:
     explicit KtLockPtr(std::shared_ptr<std::recursive_mutex> mutex) : mutex_(std::move(mutex)) {
         if (mutex_) {
             mutex_->lock();
@@ -58,7 +58,7 @@ public:
         }
     }
 
-private:
+  private:
     std::shared_ptr<std::recursive_mutex> mutex_;
 };
 
@@ -68,7 +68,7 @@ KtLockPtr KtPPtr<T>::getLock() const {
 }
 
 class IDriverRepository {
-public:
+  public:
     // Registration is the host's (tests register fakes).
     void registerInterface(DriverId driver, const String& name,
                            std::shared_ptr<ISystemStatus> interface);
@@ -77,7 +77,7 @@ public:
     template <typename T>
     void getDriverInterfaces(DriverId driver, const String& name, std::list<KtPPtr<T>>& out);
 
-private:
+  private:
     struct Entry {
         DriverId driver;
         String name;

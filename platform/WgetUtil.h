@@ -13,9 +13,27 @@ namespace WgetUtil {
 // wget follow redirects itself. `extra`: one more argument when not empty.
 // The password never appears in `args`: it goes to a file that only the owner can read, named
 // in the arguments and removed by RELEASE_SECRETS (see docs/WGET.md).
+// `outFile` and the three HTTPS files are device paths (mapped as KtFile maps them).
+// Errors (args left empty, nothing left behind):
+//   "INVALID CHARACTER IN WGET ARGUMENT"   an argument would hold '"', '\n', '\r' or NUL (the
+//                                          shell's word splitter cannot carry a '"');
+//   "INVALID CHARACTER IN WGET CREDENTIALS" the user or password holds '\n', '\r' or NUL;
+//   "WHITE SPACE AROUND WGET CREDENTIALS"  the user or password starts or ends with white space
+//                                          (wget's configuration syntax cannot carry it);
+//   "NO OUTPUT FILE FOR WGET"              `outFile` is empty or "-" (standard output);
+//   a system error when the private file cannot be written; a mapping error for a flash path.
 [[nodiscard]] XCode buildArgs(bool quiet, const String& url, const String& user,
                               const String& password, const String& outFile, const String& https1,
                               const String& https2, const String& https3, bool followRedirects,
                               std::vector<String>& args, const String& extra);
+
+// Removes the private files that buildArgs created for `args` (the credentials file and the
+// empty CA directory, and their directory). Call it once wget has ended or was abandoned.
+// Touches nothing that buildArgs did not create; safe to call more than once and from any
+// thread.
+void RELEASE_SECRETS(const std::vector<String>& args);
+
+// The directory under which buildArgs creates its private directories, one per call.
+extern const char* const SECRETS_DIRECTORY_PREFIX;
 
 }  // namespace WgetUtil

@@ -1,0 +1,106 @@
+// libFuzzer target for ExpressionResolver::replaceAllExpressions.
+//
+// Input: the first line is the text to rewrite; every further line, in order, fills one device
+// value (MAC address, serial number, DHCP options 66 and 67, hardware, software and CLI versions,
+// product names, then the five values without expression name). Without value lines a typical
+// device is used. '$' is removed from the values: the resolver rescans its own output, so a value
+// that brings a '$' along may keep the rewriting going forever, which is outside its contract.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+#include "expression/ExpressionResolver.h"
+
+namespace {
+
+const char* const VALUE_NAMES[] = {
+    "system.mac",
+    "system.serial",
+    "dhcp.66",
+    "dhcp.67",
+    "system.hw.major",
+    "system.hw.minor",
+    "system.sw.major",
+    "system.sw.minor",
+    "system.sw.build",
+    "system.sw.date",
+    "system.product.name",
+    "system.product.basename",
+    "cli.major",
+    "cli.minor",
+    "model",
+    "oem",
+    "hw.version",
+    "hw.revision",
+    "sw.version",
+};
+
+void fillTypicalDevice(ExpressionResolver& resolver) {
+    resolver.macAddress = "00A0BA0B0C0D";
+    resolver.serialNumber = "SN4711";
+    resolver.tftpServer = "192.168.1.10";
+    resolver.tftpFileName = "boot.cfg";
+    resolver.hwMajor = "2";
+    resolver.hwMinor = "1";
+    resolver.swMajor = "5";
+    resolver.swMinor = "3";
+    resolver.swBuild = "1042";
+    resolver.swDate = "2023-06-01";
+    resolver.productName = "GW4000-S";
+    resolver.productBaseName = "GW4000";
+    resolver.cliMajorVersion = "5";
+    resolver.cliMinorVersion = "7";
+}
+
+String withoutDollar(const String& value) {
+    String result;
+    for (int i = 0; i < value.length(); ++i) {
+        if (value.at(i) != '$') {
+            result += value.at(i);
+        }
+    }
+    return result;
+}
+
+void check(bool condition) {
+    if (!condition) {
+        std::abort();
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const String input(reinterpret_cast<const char*>(data), size);
+    ExpressionResolver resolver;
+    int lineEnd = input.indexOf('\n');
+    String text = lineEnd < 0 ? input : input.substring(0, lineEnd);
+    if (lineEnd < 0) {
+        fillTypicalDevice(resolver);
+    }
+    for (const char* name : VALUE_NAMES) {
+        if (lineEnd < 0) {
+            break;
+        }
+        const int valueStart = lineEnd + 1;
+        lineEnd = input.indexOf('\n', valueStart);
+        const String value =
+            lineEnd < 0 ? input.substring(valueStart) : input.substring(valueStart, lineEnd);
+        *ExpressionResolver::VALUE_BY_NAME(resolver, name) = withoutDollar(value);
+    }
+
+    XCode result = resolver.replaceAllExpressions(text);
+    if (result.isSuccess()) {
+        // Nothing is left to resolve, so a second run changes nothing.
+        check(text.indexOf("$(") < 0);
+        const String resolved = text;
+        check(resolver.replaceAllExpressions(text).isSuccess());
+        check(text == resolved);
+    } else {
+        check(result.getValue() == XCode::GENERIC_FAILURE);
+        check(!result.hasMessage());
+        check(text.indexOf("$(") >= 0);
+    }
+    return 0;
+}

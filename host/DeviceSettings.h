@@ -1,0 +1,56 @@
+#pragma once
+
+#include <map>
+#include <utility>
+#include <vector>
+
+#include "expression/ExpressionResolver.h"
+#include "host/CommandLine.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
+#include "transfer/ProvisioningCredentials.h"
+
+namespace Provctl {
+
+// What the host knows about the simulated device besides its directory: the device values, the
+// HTTP credentials and the HTTPS settings. Read from <device>/device.toml, then overridden by the
+// command line. Every error of this file is a usage error (exit status 2).
+struct DeviceSettings {
+    struct Credential {
+        String user;
+        String password;
+    };
+
+    // NAME -> value in the order given; a later entry of the same name wins.
+    std::vector<std::pair<String, String>> values;
+    // Realm -> credential; the empty realm is the wild-card.
+    std::map<String, Credential> credentials;
+    bool httpsGiven = false;
+    String httpsCa;
+    String httpsCert;
+    String httpsKey;
+};
+
+// The directory used without --device: $XDG_STATE_HOME/provctl/device, else
+// $HOME/.local/state/provctl/device, else "./provctl-device".
+String DEFAULT_DEVICE_DIRECTORY();
+
+// Reads a device.toml. A missing file leaves `settings` empty and succeeds. Layout:
+//   [values]        "system.mac" = "00a0ba0b0c0d"   (names as for --set; strings only)
+//   [credentials]   "realm" = { user = "u", password = "p" }; the realm "*" (or "") is the
+//                   wild-card
+//   [https]         ca = "...", cert = "...", key = "..."
+// Other tables ([image] of older device files, for instance) are ignored.
+[[nodiscard]] XCode LOAD_DEVICE_FILE(const String& path, DeviceSettings& settings);
+
+// Puts --set, --credential and --https-auth over what the file gave.
+[[nodiscard]] XCode APPLY_COMMAND_LINE(const Options& options, DeviceSettings& settings);
+
+// Writes the values into the resolver; an unknown name is an error naming it.
+[[nodiscard]] XCode FILL_RESOLVER(const DeviceSettings& settings, ExpressionResolver& resolver);
+
+// Adds every credential to the store.
+[[nodiscard]] XCode FILL_CREDENTIALS(const DeviceSettings& settings,
+                                     ProvisioningCredentials& credentials);
+
+}  // namespace Provctl

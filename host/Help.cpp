@@ -1,0 +1,199 @@
+#include <map>
+
+#include "host/CommandLine.h"
+
+namespace Provctl {
+
+namespace {
+
+const char* const OVERVIEW = R"PAGE(NAME
+    provctl - run provisioning jobs against a simulated device
+
+SYNOPSIS
+    provctl resolve [--device DIR] [--set NAME=VALUE]... TEXT
+    provctl JOB [OPTIONS] LOCATION...
+    provctl --version
+    provctl [COMMAND] --help
+
+DESCRIPTION
+    provctl plays the device's management process on an ordinary Linux host. It keeps the
+    device's flash, configurations, image slots and status in a device directory, builds one
+    provisioning job, runs it on an event loop until the job reports its result, and prints
+    that result. Monitor lines go to standard error as "PROV <level> <text>",
+    "XFER <level> <text>" and "EVENT <level> <text>".
+
+COMMANDS
+    resolve       resolve the $(...) expressions of a text with the device values
+    config        download a configuration; store it as startup-config (or execute it)
+    upload        upload the stored startup configuration
+    cdr-upload    upload call detail records (not implemented: always fails)
+    dialplan      download a dial plan into flash/dialplan/
+    key           download the key file into flash/preferences/key
+    wizard        download a wizard into flash/wizard/
+    firmware      download a firmware archive or manifest and upgrade an image slot
+    script        download a script and have the update controller run it
+
+    "provctl COMMAND --help" describes each command.
+
+DEVICE DIRECTORY
+    --device DIR, default $XDG_STATE_HOME/provctl/device (or ~/.local/state/provctl/device),
+    created when missing. It holds device.toml (device values, credentials, HTTPS settings),
+    flash/, config/, running-config, slots/ and status/. See docs/PROVCTL.md.
+
+EXIT STATUS
+    0   the command succeeded
+    1   the job failed, or the text could not be resolved
+    2   usage error (bad option, unknown device value, malformed device.toml)
+)PAGE";
+
+const char* const RESOLVE = R"PAGE(NAME
+    provctl resolve - resolve the $(...) expressions of a text
+
+SYNOPSIS
+    provctl resolve [--device DIR] [--set NAME=VALUE]... TEXT
+
+DESCRIPTION
+    Replaces every $(...) expression of TEXT with the device's values, exactly as a job does
+    with its locations, and prints the result on standard output. Values come from the
+    [values] table of DIR/device.toml; --set overrides them. Nothing in the device directory
+    is created or changed.
+
+    NAME is an expression name: system.mac, system.serial, dhcp.66, dhcp.67, system.hw.major,
+    system.hw.minor, system.sw.major, system.sw.minor, system.sw.build, system.sw.date,
+    system.product.name, system.product.basename, cli.major, cli.minor; or one of the values
+    without an expression name: model, oem, hw.version, hw.revision, sw.version.
+
+OPTIONS
+    --device DIR        the simulated device directory
+    --set NAME=VALUE    a device value (repeatable; the last one of a name wins)
+    --help              this page
+
+EXIT STATUS
+    0   resolved; the text is printed
+    1   an expression could not be resolved; standard output stays empty and standard error
+        gets a message beginning with "CANNOT RESOLVE ALL EXPRESSIONS"
+    2   usage error: unknown NAME, --set without '=', malformed device.toml
+
+EXAMPLES
+    provctl resolve --set system.mac=00a0ba0b0c0d 'tftp://10.0.0.1/$(system.mac).cfg'
+    provctl resolve --set system.hw.major=2 '/fw/$(system.hw.major>=2|new|old)/image.tar'
+)PAGE";
+
+const char* const JOB_OPTIONS = R"PAGE(OPTIONS
+    --device DIR        the simulated device directory (default: per-user, created when missing)
+    --name NAME         job name (default: the command's name); also names the script's
+                        fingerprint file flash/provisioning/NAME
+    --compare           compare with the stored copy (or running version) before acting
+    --reload WORD       reload type: immediate, graceful, deferred; anything else means none
+    --set NAME=VALUE    device value for $(...) in locations (repeatable), as for resolve
+    --credential REALM:USER:PASSWORD
+                        HTTP credentials of a realm (repeatable); an empty REALM is the
+                        wild-card; the password is everything after the second ':'
+    --https-auth CA,CERT,KEY
+                        the CA certificate, client certificate and client key for HTTPS
+%s    --json              print the outcome as one JSON object on standard output
+    -v LEVEL            highest monitor level shown on standard error (default 6)
+    --help              this page
+
+OUTPUT
+    Without --json a few "key: value" lines, the last one "result: OK" or
+    "result: <message> (<code>)". With --json exactly one object:
+    {"ok", "value", "message", "text", "imageAction", "activation", "postUpgrade",
+     "followUp": {"pending", "mode", "command", "arguments"}, "statusLocation"}.
+
+EXIT STATUS
+    0   the job succeeded
+    1   the job failed (or was interrupted by SIGINT or SIGTERM)
+    2   usage error
+)PAGE";
+
+struct JobPage {
+    const char* summary;
+    const char* synopsisExtra;
+    const char* extraOptions;
+    const char* description;
+    const char* examples;
+};
+
+const std::map<String, JobPage>& jobPages() {
+    static const std::map<String, JobPage> pages = {
+        {"config",
+         {"download a configuration and store or execute it", "", "",
+          "    Downloads a configuration from the first LOCATION that delivers it, checks it and\n"
+          "    stores it as DIR/config/startup-config. With --compare an unchanged configuration\n"
+          "    is not stored again (and no XFER line is written). After an HTTP 201 answer the\n"
+          "    configuration is executed on the simulated running system (DIR/running-config)\n"
+          "    instead.\n",
+          "    provctl config tftp://127.0.0.1:6969/unit.cfg\n"
+          "    provctl config --compare --reload graceful "
+          "'http://127.0.0.1:8080/$(system.mac).cfg'\n"}},
+        {"upload",
+         {"upload the stored startup configuration", "", "",
+          "    Uploads DIR/config/startup-config to LOCATION (TFTP only; HTTP and HTTPS uploads\n"
+          "    are refused by the engine). A failed upload retries the same location.\n",
+          "    provctl upload tftp://127.0.0.1:6969/backup/unit.cfg\n"}},
+        {"cdr-upload",
+         {"upload call detail records (not implemented)", " [--source NAME]",
+          "    --source NAME       the source name recorded as the job's source (default cdr)\n",
+          "    The reserved call-record upload: it always fails with \"NOT IMPLEMENTED\" before\n"
+          "    any transfer.\n",
+          "    provctl cdr-upload --source cdr tftp://127.0.0.1:6969/cdr.txt\n"}},
+        {"dialplan",
+         {"download a dial plan into flash", " [--dialplan NAME]",
+          "    --dialplan NAME     the dial plan's name (default dialplan); the part after its\n"
+          "                        last ':' names the file flash/dialplan/<part>\n",
+          "    Downloads a dial plan and stores it as DIR/flash/dialplan/<name>.\n",
+          "    provctl dialplan --dialplan flash:plan1 tftp://127.0.0.1:6969/plan1.txt\n"}},
+        {"key",
+         {"download the key file into flash", "", "",
+          "    Downloads a key file and stores it as DIR/flash/preferences/key.\n",
+          "    provctl key --compare https://127.0.0.1:8443/keys/unit.key\n"}},
+        {"wizard",
+         {"download a wizard into flash", "", "",
+          "    Downloads a wizard and stores it as DIR/flash/wizard/<file name of the location>;\n"
+          "    the outcome then asks for the CLI command \"add wizard\" (followUp).\n",
+          "    provctl wizard --json tftp://127.0.0.1:6969/w/intro.wiz\n"}},
+        {"firmware",
+         {"download a firmware archive or manifest and upgrade an image slot", "", "",
+          "    Downloads a tar archive (location ending in .tar) holding a manifest and an image,\n"
+          "    or a bare manifest (location ending in manifest), compares the manifest's version\n"
+          "    with the device's image slots (DIR/slots/state) and has the simulated update\n"
+          "    controller write the image. Afterwards provctl applies the job's image action to\n"
+          "    the slot state and, when --reload is not none and the job asks for activation,\n"
+          "    restarts the simulated device into the next slot.\n",
+          "    provctl firmware --compare --reload immediate tftp://127.0.0.1:6969/fw.tar\n"}},
+        {"script",
+         {"download a script and run it through the update controller", "", "",
+          "    Downloads a script (a tar archive holding \"manifest\", or a location ending in\n"
+          "    manifest) and has the simulated update controller run it. With --compare a script\n"
+          "    whose last 20 characters equal DIR/flash/provisioning/NAME is not run again.\n",
+          "    provctl script --compare --name boot tftp://127.0.0.1:6969/boot.manifest\n"}},
+    };
+    return pages;
+}
+
+String jobPage(const String& command, const JobPage& page) {
+    String text = String::format(
+        "NAME\n    provctl %s - %s\n\nSYNOPSIS\n    provctl %s [OPTIONS]%s LOCATION...\n\n"
+        "DESCRIPTION\n%s\n    Each LOCATION is tftp://HOST[:PORT]/PATH, http://... or https://...\n"
+        "    and may hold $(...) expressions; the locations are tried in order.\n\n",
+        command.c_str(), page.summary, command.c_str(), page.synopsisExtra, page.description);
+    text += String::format(JOB_OPTIONS, page.extraOptions);
+    text += String::format("\nEXAMPLES\n%s", page.examples);
+    return text;
+}
+
+}  // namespace
+
+String MANUAL_PAGE(const String& command) {
+    if (command == "provctl" || command.isEmpty()) {
+        return OVERVIEW;
+    }
+    if (command == "resolve") {
+        return RESOLVE;
+    }
+    auto found = jobPages().find(command);
+    return found == jobPages().end() ? String() : jobPage(command, found->second);
+}
+
+}  // namespace Provctl

@@ -1,0 +1,55 @@
+#include "host/Report.h"
+
+namespace Provctl {
+
+nlohmann::ordered_json OUTCOME_TO_JSON(const JobOutcome& outcome) {
+    nlohmann::ordered_json arguments = nlohmann::ordered_json::array();
+    for (const String& argument : outcome.followUpArguments) {
+        arguments.push_back(argument.str());
+    }
+    return nlohmann::ordered_json{
+        {"ok", outcome.result.isSuccess()},
+        {"value", static_cast<long long>(outcome.result.getValue())},
+        {"message", outcome.result.getString().str()},
+        {"text", outcome.result.toString().str()},
+        {"imageAction", ProvisioningJob::IMAGE_ACTION_TO_STRING(outcome.imageAction)},
+        {"activation", outcome.activation},
+        {"postUpgrade", outcome.postUpgrade},
+        {"followUp",
+         {{"pending", outcome.followUpPending},
+          {"mode", outcome.followUpMode.str()},
+          {"command", outcome.followUpCommand.str()},
+          {"arguments", arguments}}},
+        {"statusLocation", outcome.statusLocation.str()},
+    };
+}
+
+String OUTCOME_TO_TEXT(const String& name, const JobOutcome& outcome) {
+    String text;
+    text.concatf("job: %s\n", name.c_str());
+    text.concatf("image action: %s\n",
+                 ProvisioningJob::IMAGE_ACTION_TO_STRING(outcome.imageAction));
+    text.concatf("activation: %s\n", outcome.activation ? "yes" : "no");
+    text.concatf("post upgrade: %s\n", outcome.postUpgrade ? "yes" : "no");
+    if (outcome.followUpPending) {
+        text.concatf("follow-up: %s (mode %s)", outcome.followUpCommand.c_str(),
+                     outcome.followUpMode.c_str());
+        for (const String& argument : outcome.followUpArguments) {
+            text.concatf(" %s", argument.c_str());
+        }
+        text += "\n";
+    }
+    text.concatf("status location: %s\n", outcome.statusLocation.c_str());
+    if (outcome.result.isSuccess()) {
+        text += "result: OK\n";
+    } else {
+        text.concatf("result: %s\n", outcome.result.toString().c_str());
+    }
+    return text;
+}
+
+String DUMP_JSON(const nlohmann::ordered_json& object) {
+    return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+}  // namespace Provctl

@@ -1,0 +1,20 @@
+#pragma once
+
+#include "engine/ProvisioningJob.h"
+
+// What the dial-plan, key and wizard jobs share: reading the work file, comparing it with the
+// copy in flash and replacing that copy whole.
+namespace FlashFile {
+
+// The whole work file; on failure the error carries "Cannot read content of downloaded file".
+[[nodiscard]] XCode READ_DOWNLOADED(const String& workFile, String& content);
+// The whole file at `devicePath` ("/flash/...").
+[[nodiscard]] XCode READ_STORED(const String& devicePath, String& content);
+// Replaces the file at `devicePath` with `content` (flags 577, mode 0644, one blocking write).
+// The old file stays intact when this fails. A path whose last component is empty, "." or
+// ".." is refused.
+[[nodiscard]] XCode STORE(const String& devicePath, const String& content);
+// The part of `text` after its last `separator` (all of it when there is none).
+String LAST_COMPONENT(const String& text, char separator);
+
+}  // namespace FlashFile

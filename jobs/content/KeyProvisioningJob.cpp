@@ -1,0 +1,51 @@
+#include "jobs/content/KeyProvisioningJob.h"
+
+#include "engine/Monitors.h"
+#include "jobs/content/FlashFile.h"
+
+namespace {
+constexpr const char* KEY_PATH = "/flash/preferences/key";
+}
+
+KeyProvisioningJob::KeyProvisioningJob(KtEventLoop& loop, const String& jobName, ReloadType reload,
+                                       bool compare, const KtList<String>& jobLocations,
+                                       const ProvisioningCredentials& jobCredentials,
+                                       ExpressionResolver& resolver, CallbackHandler& handler)
+    : ProvisioningJob(loop, jobName, reload, Download, compare, jobLocations, jobCredentials,
+                      resolver, handler) {}
+
+XCode KeyProvisioningJob::onFailedFileDownload() {
+    ProvLog::log(MON_PROV, ProvLog::LEVEL_FAILURE, "[%s] FAILED TO DOWNLOAD KEY", name.c_str());
+    return testExpression(true);
+}
+
+XCode KeyProvisioningJob::onSuccessfulFileDownload() {
+    const char* n = name.c_str();
+    ProvLog::progress("[%s] Successfully downloaded key", n);
+    String downloaded;
+    XCode result = FlashFile::READ_DOWNLOADED(outFile, downloaded);
+    if (result.isSuccess()) {
+        if (compareWithStored) {
+            String stored;
+            XCode read = FlashFile::READ_STORED(KEY_PATH, stored);
+            if (read.isErr()) {
+                ProvLog::progress("[%s] No stored key: %s", n, read.toString().c_str());
+            } else if (stored == downloaded) {
+                ProvLog::progress("[%s] Downloaded and stored key are equal", n);
+                return testExpression(true);
+            }
+        } else {
+            ProvLog::progress("[%s] No key comparison is done", n);
+        }
+        ProvLog::progress("[%s] Storing key", n);
+        result = FlashFile::STORE(KEY_PATH, downloaded);
+    }
+    if (result.isErr()) {
+        addXferLogEntry(result.toString(), "");
+        return result;
+    }
+    activationFlag = true;
+    ProvLog::log(MON_EVENT, ProvLog::LEVEL_PROGRESS, "[%s] Received and stored key update", n);
+    addXferLogEntry("succeeded", "");
+    return result;
+}

@@ -1,0 +1,122 @@
+#include "jobs/upgrade/UpgradeProvisioningJob.h"
+
+#include <vector>
+
+#include "engine/Monitors.h"
+#include "platform/KtFile.h"
+#include "platform/Shell.h"
+#include "platform/UriUtil.h"
+
+namespace {
+constexpr const char* DESTINATION = "flash:";
+constexpr const char* ACTION = "update";
+constexpr const char* CALLER = "Provisioning";
+constexpr int MINIMUM_TEXT_LENGTH = 20;
+constexpr int OPEN_READ_ONLY = 0;
+}  // namespace
+
+UpgradeProvisioningJob::UpgradeProvisioningJob(KtEventLoop& loop, const String& jobName,
+                                               ReloadType reload, bool compare,
+                                               const KtList<String>& jobLocations,
+                                               const ProvisioningCredentials& jobCredentials,
+                                               ExpressionResolver& resolver,
+                                               ProvisioningJob::CallbackHandler& handler)
+    : ProvisioningJob(loop, jobName, reload, Download, compare, jobLocations, jobCredentials,
+                      resolver, handler) {
+    uploadLocation = DESTINATION;
+}
+
+UpgradeProvisioningJob::~UpgradeProvisioningJob() {
+    // A running upgrade goes on in the controller, but reports nothing to a job that is gone.
+    UpdateController::CANCEL(this);
+}
+
+XCode UpgradeProvisioningJob::chooseFlow(Flow& flow) const {
+    if (downloadLocation.endsWith(".tar")) {
+        flow = Flow::Tar;
+        return testExpression(true);
+    }
+    if (downloadLocation.endsWith("manifest")) {
+        flow = Flow::Manifest;
+        return testExpression(true);
+    }
+    return XCode(-1).setString("Provisioned file type not supported");
+}
+
+XCode UpgradeProvisioningJob::READ_UPGRADE_TEXT(const String& filePath, String& text) {
+    XCode result = KtFile::READ_TEXT_FILE<String>(filePath, text, OPEN_READ_ONLY, true, true);
+    if (result.isErr()) {
+        return result.setString("Cannot read content of downloaded script");
+    }
+    if (text.length() < MINIMUM_TEXT_LENGTH) {
+        return XCode(-1).setString("Size of downloaded script too small");
+    }
+    return result;
+}
+
+XCode UpgradeProvisioningJob::readArchiveManifest(String& text) const {
+    // Only the member "manifest" is extracted. The command keeps the device's form; GNU tar's
+    // defaults already strip a leading "/" and refuse ".." in member names, and the controller
+    // checks every member of the archive before it extracts anything itself.
+    String command =
+        String::format("tar xf %s -C %s %s", outFile.c_str(), EXTRACT_DIRECTORY, "manifest");
+    XCode result = Kt::Shell::execute(command);
+    if (result.isErr()) {
+        return result;
+    }
+    return READ_UPGRADE_TEXT(EXTRACTED_MANIFEST, text);
+}
+
+XCode UpgradeProvisioningJob::readDownloadedManifest(String& text) const {
+    return READ_UPGRADE_TEXT(outFile, text);
+}
+
+XCode UpgradeProvisioningJob::startUpgradeFromArchive() {
+    std::vector<String> files{String::format("file:%s", outFile.c_str()), DESTINATION};
+    String output;  // the controller's to fill; not read
+    return onUpgradeStarted(
+        UpdateController::PERFORM_UPGRADE_IMAGE_JOB(ACTION, files, "", output, CALLER, this));
+}
+
+XCode UpgradeProvisioningJob::startUpgradeFromLocation() {
+    const char* scheme = nullptr;
+    switch (protocol) {
+        case 0:
+            scheme = "tftp";
+            break;
+        case 1:
+            scheme = "http";
+            break;
+        case 2:
+            scheme = "https";
+            break;
+        default:
+            return XCode(-1).setString("Invalid protocol");
+    }
+    std::vector<String> files{UriUtil::buildUri(scheme, host, port, path), DESTINATION};
+    String output;  // the controller's to fill; not read
+    return onUpgradeStarted(UpdateController::PERFORM_UPGRADE_IMAGE_JOB(
+        ACTION, files, "", realmUser, realmPassword, authParam1, authParam2, authParam3, output,
+        CALLER, this));
+}
+
+XCode UpgradeProvisioningJob::onUpgradeStarted(XCode started) {
+    if (started.isSuccess()) {
+        asyncPending = true;
+    }
+    return started;
+}
+
+XCode UpgradeProvisioningJob::failUpgrade(XCode result) {
+    addXferLogEntry(result.toString(), "");
+    return result;
+}
+
+void UpgradeProvisioningJob::logUpgradeTerminated(const XCode& result) const {
+    if (RTD::REPOSITORY::GET_MONITOR_IF_ENABLED_FOR_LOGGING(MON_PROV, ProvLog::LEVEL_PROGRESS) !=
+        nullptr) {
+        ProvLog::progress("[%s/Update] Terminated: %s", name.c_str(), result.toString().c_str());
+    }
+}
+
+void UpgradeProvisioningJob::onUpgradeProgressUpdate(const String& /*text*/) {}

@@ -1,0 +1,318 @@
+#include "ProcessReactor.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+
+#include "ProcessSpawn.h"
+
+namespace Kt::process {
+
+namespace {
+
+// How long an abandoned command has between SIGTERM and SIGKILL.
+constexpr std::chrono::milliseconds TERMINATION_GRACE{1000};
+// Exit polling interval for children without a pidfd.
+constexpr int REAP_POLL_MS = 50;
+constexpr std::size_t READ_SIZE = 64 * 1024;
+
+void signalGroup(pid_t pid, int signal) {
+    // The child leads its own process group; what it started goes with it. The group id is
+    // still ours while the leader is not reaped.
+    if (::kill(-pid, signal) != 0) {
+        ::kill(pid, signal);
+    }
+}
+
+}  // namespace
+
+Reactor& Reactor::INSTANCE() {
+    // Never destroyed: the thread may still be polling while the process exits.
+    static Reactor* reactor = new Reactor();
+    return *reactor;
+}
+
+int Reactor::start() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (started_) {
+        return 0;
+    }
+    if (wakeFd_ < 0) {
+        wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (wakeFd_ < 0) {
+            return errno;
+        }
+    }
+    // The thread takes no signals: they belong to the host's threads.
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &previous);
+    pthread_t thread;
+    int error = ::pthread_create(&thread, nullptr, &Reactor::THREAD_MAIN, this);
+    ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    if (error != 0) {
+        return error;
+    }
+    ::pthread_detach(thread);
+    started_ = true;
+    return 0;
+}
+
+void Reactor::add(std::shared_ptr<Command> command) {
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        incoming_.push_back(std::move(command));
+    }
+    wake();
+}
+
+void Reactor::wake() {
+    std::uint64_t one = 1;
+    // A full counter already means "wake up"; nothing else can go wrong with an eventfd.
+    ssize_t written = ::write(wakeFd_, &one, sizeof one);
+    (void)written;
+}
+
+void* Reactor::THREAD_MAIN(void* reactor) {
+    static_cast<Reactor*>(reactor)->run();
+    return nullptr;
+}
+
+void Reactor::takeOverIncoming() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    for (auto& command : incoming_) {
+        active_.push_back(std::move(command));
+    }
+    incoming_.clear();
+}
+
+void Reactor::closeFd(int& fd) {
+    if (fd >= 0) {
+        ::close(fd);
+        fd = -1;
+    }
+}
+
+void Reactor::handleAbandonment(Command& command, std::chrono::steady_clock::time_point now) {
+    if (!command.abandoned.load()) {
+        return;
+    }
+    // Nobody reads the output any more; a child writing on gets EPIPE.
+    closeFd(command.outFd);
+    closeFd(command.errFd);
+    if (command.reaped) {
+        return;
+    }
+    if (!command.terminating) {
+        signalGroup(command.pid, SIGTERM);
+        command.terminating = true;
+        command.killAt = now + TERMINATION_GRACE;
+    } else if (!command.killed && now >= command.killAt) {
+        signalGroup(command.pid, SIGKILL);
+        command.killed = true;
+    }
+}
+
+void Reactor::readPipe(Command& command, bool errorStream) {
+    static char buffer[READ_SIZE];  // reactor thread only
+    int& fd = errorStream ? command.errFd : command.outFd;
+    ssize_t count = ::read(fd, buffer, sizeof buffer);
+    if (count > 0) {
+        if (command.abandoned.load()) {
+            return;
+        }
+        String piece(buffer, static_cast<std::size_t>(count));
+        command.collected.append(piece);
+        std::lock_guard<std::recursive_mutex> guard(command.deliveryMutex);
+        if (!command.abandoned.load()) {
+            Shell::OutputCallback callback = errorStream ? command.errorOutput : command.output;
+            callback(std::move(piece));
+        }
+        return;
+    }
+    if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return;
+    }
+    // End of file, or an error that ends the stream just the same.
+    closeFd(fd);
+}
+
+void Reactor::tryReap(Command& command) {
+    pid_t reaped;
+    do {
+        reaped = ::waitpid(command.pid, &command.waitStatus, WNOHANG);
+    } while (reaped < 0 && errno == EINTR);
+    if (reaped == 0) {
+        return;
+    }
+    command.statusLost = reaped < 0;
+    command.reaped = true;
+    closeFd(command.pidFd);
+    REAPED();
+}
+
+void Reactor::finish(Command& command) {
+    XCode code;
+    if (command.statusLost) {
+        code = XCode::fromErrno(ECHILD);
+        code.setStringF("%s ENDED WITH UNKNOWN STATUS", command.program.c_str());
+    } else {
+        code = WAIT_STATUS_TO_XCODE(command.program, command.waitStatus);
+    }
+    // Finished before the call, so that the callback already sees a finished future.
+    {
+        std::lock_guard<std::mutex> guard(command.doneMutex);
+        command.finished = true;
+        command.outcome = code;
+    }
+    {
+        std::lock_guard<std::recursive_mutex> guard(command.deliveryMutex);
+        if (!command.abandoned.load()) {
+            Shell::ResultCallback callback = command.result;
+            callback(code, std::move(command.collected));
+        }
+    }
+    {
+        std::lock_guard<std::mutex> guard(command.doneMutex);
+        command.delivered = true;
+    }
+    command.doneChanged.notify_all();
+}
+
+void Reactor::run() {
+    std::vector<pollfd> fds;
+    // For each entry of `fds` after the first: the command and which descriptor it is.
+    enum class Watch { PidFd, Out, Err };
+    std::vector<std::pair<Command*, Watch>> watched;
+    while (true) {
+        takeOverIncoming();
+        auto now = std::chrono::steady_clock::now();
+        int timeout = -1;
+        bool pollForExits = false;
+        fds.clear();
+        watched.clear();
+        fds.push_back({wakeFd_, POLLIN, 0});
+        for (auto& command : active_) {
+            handleAbandonment(*command, now);
+            if (!command->reaped && command->pidFd < 0) {
+                tryReap(*command);
+            }
+            if (command->reaped && command->outFd < 0 && command->errFd < 0) {
+                continue;
+            }
+            if (!command->reaped) {
+                if (command->pidFd >= 0) {
+                    fds.push_back({command->pidFd, POLLIN, 0});
+                    watched.emplace_back(command.get(), Watch::PidFd);
+                } else {
+                    pollForExits = true;
+                }
+                if (command->terminating && !command->killed) {
+                    auto left =
+                        std::chrono::duration_cast<std::chrono::milliseconds>(command->killAt - now)
+                            .count();
+                    int wait = static_cast<int>(std::max<long long>(left, 0) + 1);
+                    timeout = timeout < 0 ? wait : std::min(timeout, wait);
+                }
+            }
+            if (command->outFd >= 0) {
+                fds.push_back({command->outFd, POLLIN, 0});
+                watched.emplace_back(command.get(), Watch::Out);
+            }
+            if (command->errFd >= 0) {
+                fds.push_back({command->errFd, POLLIN, 0});
+                watched.emplace_back(command.get(), Watch::Err);
+            }
+        }
+        // Finished commands leave the list here, after their result was delivered.
+        auto done = std::stable_partition(active_.begin(), active_.end(), [](const auto& command) {
+            return !(command->reaped && command->outFd < 0 && command->errFd < 0);
+        });
+        for (auto it = done; it != active_.end(); ++it) {
+            finish(**it);
+        }
+        active_.erase(done, active_.end());
+        if (pollForExits) {
+            timeout = timeout < 0 ? REAP_POLL_MS : std::min(timeout, REAP_POLL_MS);
+        }
+
+        int ready = ::poll(fds.data(), fds.size(), timeout);
+        if (ready <= 0) {
+            continue;
+        }
+        if (fds[0].revents != 0) {
+            std::uint64_t count;
+            ssize_t drained = ::read(wakeFd_, &count, sizeof count);
+            (void)drained;  // EAGAIN: someone else's wake-up was already consumed
+        }
+        for (std::size_t i = 1; i < fds.size(); ++i) {
+            if (fds[i].revents == 0) {
+                continue;
+            }
+            Command& command = *watched[i - 1].first;
+            switch (watched[i - 1].second) {
+                case Watch::PidFd:
+                    tryReap(command);
+                    break;
+                case Watch::Out:
+                    if (command.outFd >= 0) {
+                        readPipe(command, false);
+                    }
+                    break;
+                case Watch::Err:
+                    if (command.errFd >= 0) {
+                        readPipe(command, true);
+                    }
+                    break;
+            }
+        }
+    }
+}
+
+}  // namespace Kt::process
+
+namespace Kt {
+
+RunningCommand::~RunningCommand() {
+    Shell::ResultCallback result;
+    Shell::OutputCallback output;
+    Shell::OutputCallback errorOutput;
+    bool finished;
+    {
+        std::lock_guard<std::recursive_mutex> guard(command_->deliveryMutex);
+        command_->abandoned.store(true);
+        result = std::move(command_->result);
+        output = std::move(command_->output);
+        errorOutput = std::move(command_->errorOutput);
+    }
+    {
+        std::lock_guard<std::mutex> guard(command_->doneMutex);
+        finished = command_->finished;
+    }
+    if (!finished) {
+        process::Reactor::INSTANCE().wake();
+    }
+    // The callbacks go here, on the owner's thread, after the last call into them.
+}
+
+XCode RunningCommand::wait() const {
+    std::unique_lock<std::mutex> lock(command_->doneMutex);
+    command_->doneChanged.wait(lock, [this] { return command_->delivered; });
+    return command_->outcome;
+}
+
+bool RunningCommand::isFinished() const {
+    std::lock_guard<std::mutex> guard(command_->doneMutex);
+    return command_->finished;
+}
+
+}  // namespace Kt

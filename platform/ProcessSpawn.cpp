@@ -1,0 +1,243 @@
+#include "ProcessSpawn.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+extern char** environ;
+
+namespace Kt::process {
+
+namespace {
+
+// Never destroyed: children may still be reaped while static objects go away.
+struct RunningCount {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::size_t count = 0;
+};
+
+RunningCount& RUNNING_COUNT() {
+    static RunningCount* running = new RunningCount();
+    return *running;
+}
+
+bool isExecutableFile(const std::string& path, int& error) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) {
+        error = errno;
+        return false;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        error = EACCES;
+        return false;
+    }
+    if (::access(path.c_str(), X_OK) != 0) {
+        error = errno;
+        return false;
+    }
+    return true;
+}
+
+// posix_spawn's setup objects, destroyed on every path out of SPAWN.
+class SpawnSetup {
+  public:
+    SpawnSetup() {
+        actionsError_ = ::posix_spawn_file_actions_init(&actions_);
+        attributesError_ = ::posix_spawnattr_init(&attributes_);
+    }
+    ~SpawnSetup() {
+        if (actionsError_ == 0) {
+            ::posix_spawn_file_actions_destroy(&actions_);
+        }
+        if (attributesError_ == 0) {
+            ::posix_spawnattr_destroy(&attributes_);
+        }
+    }
+    SpawnSetup(const SpawnSetup&) = delete;
+    SpawnSetup& operator=(const SpawnSetup&) = delete;
+
+    int prepare(int outFd, int errFd) {
+        if (actionsError_ != 0) {
+            return actionsError_;
+        }
+        if (attributesError_ != 0) {
+            return attributesError_;
+        }
+        int error =
+            ::posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        if (error == 0) {
+            error = redirect(outFd, STDOUT_FILENO);
+        }
+        if (error == 0) {
+            error = redirect(errFd, STDERR_FILENO);
+        }
+        if (error == 0) {
+            // Descriptors of other threads opened without close-on-exec do not leak either.
+            error = ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
+        }
+        if (error == 0) {
+            error = ::posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETPGROUP |
+                                                                 POSIX_SPAWN_SETSIGMASK |
+                                                                 POSIX_SPAWN_SETSIGDEF);
+        }
+        if (error == 0) {
+            error = ::posix_spawnattr_setpgroup(&attributes_, 0);
+        }
+        if (error == 0) {
+            sigset_t none;
+            sigemptyset(&none);
+            error = ::posix_spawnattr_setsigmask(&attributes_, &none);
+        }
+        if (error == 0) {
+            // A host that ignores SIGPIPE (or SIGTERM) must not hand that on to the tools.
+            sigset_t all;
+            sigfillset(&all);
+            sigdelset(&all, SIGKILL);
+            sigdelset(&all, SIGSTOP);
+            error = ::posix_spawnattr_setsigdefault(&attributes_, &all);
+        }
+        return error;
+    }
+
+    const posix_spawn_file_actions_t* actions() const { return &actions_; }
+    const posix_spawnattr_t* attributes() const { return &attributes_; }
+
+  private:
+    int redirect(int fd, int target) {
+        if (fd < 0) {
+            return ::posix_spawn_file_actions_addopen(&actions_, target, "/dev/null", O_WRONLY, 0);
+        }
+        return ::posix_spawn_file_actions_adddup2(&actions_, fd, target);
+    }
+
+    posix_spawn_file_actions_t actions_{};
+    posix_spawnattr_t attributes_{};
+    int actionsError_ = 0;
+    int attributesError_ = 0;
+};
+
+}  // namespace
+
+int FIND_PROGRAM(const String& name, String& path) {
+    if (name.isEmpty()) {
+        return ENOENT;
+    }
+    int error = 0;
+    if (name.indexOf('/') >= 0) {
+        if (!isExecutableFile(name.str(), error)) {
+            return error;
+        }
+        path = name;
+        return 0;
+    }
+    const char* searchPath = ::getenv("PATH");
+    std::string directories = searchPath != nullptr ? searchPath : "/bin:/usr/bin";
+    int firstError = ENOENT;
+    std::size_t start = 0;
+    while (start <= directories.size()) {
+        std::size_t end = directories.find(':', start);
+        if (end == std::string::npos) {
+            end = directories.size();
+        }
+        std::string directory = directories.substr(start, end - start);
+        std::string candidate =
+            (directory.empty() ? std::string(".") : directory) + "/" + name.str();
+        if (isExecutableFile(candidate, error)) {
+            path = String(candidate);
+            return 0;
+        }
+        // Like exec: a program found but not runnable is reported as such, not as missing.
+        if (error != ENOENT && error != ENOTDIR && firstError == ENOENT) {
+            firstError = error;
+        }
+        start = end + 1;
+    }
+    return firstError;
+}
+
+int SPAWN(const String& path, const std::vector<String>& argv, int outFd, int errFd, pid_t& pid) {
+    SpawnSetup setup;
+    int error = setup.prepare(outFd, errFd);
+    if (error != 0) {
+        return error;
+    }
+    std::vector<char*> arguments;
+    arguments.reserve(argv.size() + 1);
+    for (const String& word : argv) {
+        arguments.push_back(const_cast<char*>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    error = ::posix_spawn(&pid, path.c_str(), setup.actions(), setup.attributes(), arguments.data(),
+                          environ);
+    if (error == 0) {
+        STARTED();
+    }
+    return error;
+}
+
+void STARTED() {
+    RunningCount& running = RUNNING_COUNT();
+    std::lock_guard<std::mutex> guard(running.mutex);
+    ++running.count;
+}
+
+void REAPED() {
+    RunningCount& running = RUNNING_COUNT();
+    {
+        std::lock_guard<std::mutex> guard(running.mutex);
+        --running.count;
+    }
+    running.changed.notify_all();
+}
+
+std::size_t RUNNING() {
+    RunningCount& running = RUNNING_COUNT();
+    std::lock_guard<std::mutex> guard(running.mutex);
+    return running.count;
+}
+
+bool WAIT_FOR_RUNNING(std::size_t count, std::chrono::milliseconds timeout) {
+    RunningCount& running = RUNNING_COUNT();
+    std::unique_lock<std::mutex> lock(running.mutex);
+    return running.changed.wait_for(lock, timeout, [&] { return running.count <= count; });
+}
+
+XCode WAIT_STATUS_TO_XCODE(const String& program, int waitStatus) {
+    if (WIFEXITED(waitStatus)) {
+        int status = WEXITSTATUS(waitStatus);
+        if (status == 0) {
+            return XCode(XCode::SUCCESS);
+        }
+        XCode code = XCode::family(XCode::EXIT_STATUS_FAMILY, static_cast<XCodeValue>(status));
+        code.setStringF("%s EXITED WITH STATUS %d", program.c_str(), status);
+        return code;
+    }
+    if (WIFSIGNALED(waitStatus)) {
+        int signal = WTERMSIG(waitStatus);
+        XCode code = XCode::family(XCode::SIGNAL_FAMILY, static_cast<XCodeValue>(signal));
+        code.setStringF("%s KILLED BY SIGNAL %d", program.c_str(), signal);
+        return code;
+    }
+    XCode code(XCode::GENERIC_FAILURE);
+    code.setStringF("%s ENDED WITH UNKNOWN STATUS 0x%X", program.c_str(),
+                    static_cast<unsigned>(waitStatus));
+    return code;
+}
+
+XCode CANNOT_START(const String& program, int error) {
+    XCode code = XCode::fromErrno(error);
+    code.setStringF("CANNOT START %s: %s", program.c_str(), std::strerror(error));
+    return code;
+}
+
+}  // namespace Kt::process

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <vector>
+
+#include "String.h"
+#include "XCode.h"
+
+// The one place that starts child processes, and the translation of how they ended. Private to the
+// platform: the shell's background reactor and its synchronous run both go through here.
+namespace Kt::process {
+
+// The executable for a program name: a name with a slash is taken as it is, any other is looked
+// up on PATH (the system default path when PATH is unset). Returns 0 or the errno that exec
+// would have reported (ENOENT, EACCES).
+int FIND_PROGRAM(const String& name, String& path);
+
+// Starts `path` with the argument list `argv` (argv[0] included), directly and never through a
+// shell, in a process group of its own, with standard input from /dev/null, standard output on
+// `outFd` and standard error on `errFd` (-1: /dev/null), all signal dispositions at their
+// defaults and every other descriptor closed. Returns 0 or an errno; a started child must be
+// reaped by the caller (and counted through STARTED / REAPED).
+int SPAWN(const String& path, const std::vector<String>& argv, int outFd, int errFd, pid_t& pid);
+
+// Bookkeeping of children started and not yet reaped, for Shell::RUNNING_COMMANDS.
+void STARTED();
+void REAPED();
+std::size_t RUNNING();
+bool WAIT_FOR_RUNNING(std::size_t count, std::chrono::milliseconds timeout);
+
+// Success for exit status 0, the exit-status family with "<program> EXITED WITH STATUS <n>"
+// otherwise, the signal family with "<program> KILLED BY SIGNAL <n>" for a signal.
+XCode WAIT_STATUS_TO_XCODE(const String& program, int waitStatus);
+// The errno family with "CANNOT START <program>: <strerror>".
+XCode CANNOT_START(const String& program, int error);
+
+}  // namespace Kt::process

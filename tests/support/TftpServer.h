@@ -1,0 +1,58 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "support/Process.h"
+#include "support/TempDir.h"
+
+namespace provtest {
+
+// tftpd-hpa serving a fresh temporary directory on 127.0.0.1. The UDP socket is bound here, on a
+// port the kernel chose, and handed to the daemon as its inetd socket, so port() is valid from
+// construction on. The daemon runs as root in secure mode (chrooted into root()), permissive
+// (no world-readable checks), and by default accepts uploads of new files.
+class TftpServer {
+  public:
+    struct Options {
+        // --create: an upload may create a file that does not exist yet.
+        bool allowCreate = true;
+    };
+
+    TftpServer();
+    explicit TftpServer(Options options);
+    ~TftpServer();
+
+    // Starts the daemon and returns once it has answered a read request.
+    [[nodiscard]] ::testing::AssertionResult start();
+    void stop();
+    bool running() const { return process_.running(); }
+
+    unsigned int port() const { return port_; }
+    // The served directory.
+    const std::string& root() const { return root_; }
+    // Writes a file into the served directory (parents created).
+    void put(const std::string& name, const std::string& content) const;
+    std::string read(const std::string& name) const;
+    bool exists(const std::string& name) const;
+    // The daemon's standard error.
+    std::string log() const;
+
+  private:
+    Options options_;
+    TempDir dir_{"prov-tftp"};
+    std::string root_;
+    LoopbackSocket socket_;
+    unsigned int port_ = 0;
+    ServerProcess process_;
+};
+
+// Sends a read request for `name` to 127.0.0.1:port and waits for the first packet that comes
+// back (DATA or ERROR), resending the request every 200 ms until the deadline. The packet is
+// returned in `reply`.
+::testing::AssertionResult tftpProbe(unsigned int port, const std::string& name, std::string& reply,
+                                     const ServerProcess* process,
+                                     std::chrono::milliseconds timeout = DEFAULT_DEADLINE);
+
+}  // namespace provtest

@@ -1,0 +1,130 @@
+#include "host/DeviceSettings.h"
+
+#include <gtest/gtest.h>
+
+#include "support/TempDir.h"
+
+namespace {
+
+using Provctl::DeviceSettings;
+
+class DeviceSettingsTest : public ::testing::Test {
+  protected:
+    XCode load(const std::string& text) {
+        provtest::writeFile(path(), text);
+        return Provctl::LOAD_DEVICE_FILE(path().c_str(), settings);
+    }
+    std::string path() const { return dir_.file("device.toml"); }
+
+    provtest::TempDir dir_{"prov-settings"};
+    DeviceSettings settings;
+};
+
+TEST_F(DeviceSettingsTest, missingFileIsEmptySettings) {
+    EXPECT_TRUE(Provctl::LOAD_DEVICE_FILE(path().c_str(), settings).isSuccess());
+    EXPECT_TRUE(settings.values.empty());
+    EXPECT_TRUE(settings.credentials.empty());
+    EXPECT_FALSE(settings.httpsGiven);
+}
+
+TEST_F(DeviceSettingsTest, quotedAndDottedValueKeysNameTheSameValues) {
+    ASSERT_TRUE(load("[values]\n\"system.mac\" = \"00a0\"\ndhcp.66 = \"10.0.0.1\"\nmodel = \"M\"\n")
+                    .isSuccess());
+    ExpressionResolver resolver;
+    ASSERT_TRUE(Provctl::FILL_RESOLVER(settings, resolver).isSuccess());
+    EXPECT_EQ(resolver.macAddress, "00a0");
+    EXPECT_EQ(resolver.tftpServer, "10.0.0.1");
+    EXPECT_EQ(resolver.modelName, "M");
+}
+
+TEST_F(DeviceSettingsTest, nonStringValueIsAnError) {
+    XCode result = load("[values]\n\"system.hw.major\" = 2\n");
+    EXPECT_TRUE(result.isErr());
+    EXPECT_NE(result.getString().indexOf("system.hw.major"), -1) << result.getString().c_str();
+}
+
+TEST_F(DeviceSettingsTest, syntaxErrorNamesFileAndLine) {
+    XCode result = load("[values]\n\"system.mac\" = \n");
+    EXPECT_TRUE(result.isErr());
+    EXPECT_TRUE(result.getString().startsWith(String(path().c_str()) + ":2:"))
+        << result.getString().c_str();
+}
+
+TEST_F(DeviceSettingsTest, starAndEmptyRealmAreTheWildCard) {
+    ASSERT_TRUE(load("[credentials]\n\"*\" = { user = \"any\", password = \"p1\" }\n"
+                     "office = { user = \"u\", password = \"p:2\" }\n")
+                    .isSuccess());
+    ASSERT_EQ(settings.credentials.size(), 2U);
+    EXPECT_EQ(settings.credentials[""].user, "any");
+    EXPECT_EQ(settings.credentials["office"].password, "p:2");
+    ProvisioningCredentials credentials;
+    ASSERT_TRUE(Provctl::FILL_CREDENTIALS(settings, credentials).isSuccess());
+    String user;
+    String password;
+    ASSERT_TRUE(credentials.get("elsewhere", user, password).isSuccess());
+    EXPECT_EQ(user, "any");
+    ASSERT_TRUE(credentials.get("office", user, password).isSuccess());
+    EXPECT_EQ(password, "p:2");
+}
+
+TEST_F(DeviceSettingsTest, credentialThatIsNotATableIsAnError) {
+    EXPECT_TRUE(load("[credentials]\noffice = \"u:p\"\n").isErr());
+}
+
+TEST_F(DeviceSettingsTest, httpsTableGivesTheThreeStrings) {
+    ASSERT_TRUE(load("[https]\nca = \"ca.pem\"\ncert = \"c.pem\"\nkey = \"k.pem\"\n").isSuccess());
+    EXPECT_TRUE(settings.httpsGiven);
+    EXPECT_EQ(settings.httpsCa, "ca.pem");
+    EXPECT_EQ(settings.httpsCert, "c.pem");
+    EXPECT_EQ(settings.httpsKey, "k.pem");
+}
+
+TEST_F(DeviceSettingsTest, imageTableIsIgnored) {
+    EXPECT_TRUE(load("[image]\nactive = 2\n").isSuccess());
+}
+
+TEST_F(DeviceSettingsTest, commandLineComesAfterTheFile) {
+    ASSERT_TRUE(load("[values]\n\"system.serial\" = \"file\"\n[https]\nca = \"a\"\n").isSuccess());
+    Provctl::Options options;
+    options.sets = {"system.serial=line", "system.mac=a=b"};
+    options.credentials = {":wild:pw", "office:u:p:q"};
+    options.httpsAuthGiven = true;
+    options.httpsAuth = "x,y,";
+    ASSERT_TRUE(Provctl::APPLY_COMMAND_LINE(options, settings).isSuccess());
+    ExpressionResolver resolver;
+    ASSERT_TRUE(Provctl::FILL_RESOLVER(settings, resolver).isSuccess());
+    EXPECT_EQ(resolver.serialNumber, "line");
+    EXPECT_EQ(resolver.macAddress, "a=b");
+    EXPECT_EQ(settings.credentials[""].user, "wild");
+    EXPECT_EQ(settings.credentials["office"].password, "p:q");
+    EXPECT_EQ(settings.httpsCa, "x");
+    EXPECT_EQ(settings.httpsCert, "y");
+    EXPECT_EQ(settings.httpsKey, "");
+}
+
+TEST_F(DeviceSettingsTest, malformedCommandLineValuesAreErrors) {
+    for (const char* set : {"system.mac", "=1"}) {
+        Provctl::Options options;
+        options.sets = {set};
+        EXPECT_TRUE(Provctl::APPLY_COMMAND_LINE(options, settings).isErr()) << set;
+    }
+    Provctl::Options credential;
+    credential.credentials = {"realm:user"};
+    EXPECT_TRUE(Provctl::APPLY_COMMAND_LINE(credential, settings).isErr());
+    for (const char* auth : {"a,b", "a,b,c,d", ""}) {
+        Provctl::Options options;
+        options.httpsAuthGiven = true;
+        options.httpsAuth = auth;
+        EXPECT_TRUE(Provctl::APPLY_COMMAND_LINE(options, settings).isErr()) << auth;
+    }
+}
+
+TEST_F(DeviceSettingsTest, unknownValueNameIsAnError) {
+    settings.values.emplace_back("system.mac-encrypted", "x");
+    ExpressionResolver resolver;
+    XCode result = Provctl::FILL_RESOLVER(settings, resolver);
+    EXPECT_TRUE(result.isErr());
+    EXPECT_NE(result.getString().indexOf("system.mac-encrypted"), -1);
+}
+
+}  // namespace

@@ -1,0 +1,42 @@
+#include "host/StderrMonitors.h"
+
+#include <gtest/gtest.h>
+
+#include "engine/Monitors.h"
+
+namespace {
+
+using Provctl::StderrMonitors;
+
+TEST(StderrMonitorsTest, lineCarriesTagAndLevel) {
+    EXPECT_EQ(StderrMonitors::FORMAT("XFER", 6, "config : a -> b : succeeded"),
+              "XFER 6 config : a -> b : succeeded\n");
+}
+
+TEST(StderrMonitorsTest, everyLineOfAMultiLineTextIsTagged) {
+    EXPECT_EQ(StderrMonitors::FORMAT("PROV", 6, "one\n  two\nthree\n"),
+              "PROV 6 one\nPROV 6   two\nPROV 6 three\n");
+}
+
+TEST(StderrMonitorsTest, emptyTextIsOneEmptyLine) {
+    EXPECT_EQ(StderrMonitors::FORMAT("EVENT", 3, ""), "EVENT 3 \n");
+}
+
+TEST(StderrMonitorsTest, monitorsAreSetForTheirLifetime) {
+    {
+        StderrMonitors monitors(4);
+        ASSERT_NE(MON_PROV, nullptr);
+        ASSERT_NE(MON_XFER, nullptr);
+        ASSERT_NE(MON_EVENT, nullptr);
+        EXPECT_EQ(MON_PROV->getName(), "PROV");
+        EXPECT_EQ(MON_XFER->getName(), "XFER");
+        EXPECT_EQ(MON_EVENT->getName(), "EVENT");
+        EXPECT_TRUE(MON_PROV->isEnabled(4));
+        EXPECT_FALSE(MON_PROV->isEnabled(5));
+    }
+    EXPECT_EQ(MON_PROV, nullptr);
+    EXPECT_EQ(MON_XFER, nullptr);
+    EXPECT_EQ(MON_EVENT, nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,82 @@
+#include "engine/Monitors.h"
+#include "engine/ProvisioningJob.h"
+#include "platform/UriUtil.h"
+
+namespace {
+
+String tftpCommandLine(const char* direction, const String& localFile, const String& remotePath,
+                       const String& host, unsigned int port) {
+    // Nothing is quoted here: the platform shell splits words on blanks and never runs a shell.
+    String commandLine = String::format("tftp %s -l %s -r %s %s", direction, localFile.c_str(),
+                                        remotePath.c_str(), host.c_str());
+    if (port != 0) {
+        commandLine.concatf(" %u", port);
+    }
+    return commandLine;
+}
+
+}  // namespace
+
+XCode ProvisioningJob::startFileDownloadTftp(unsigned int tftpPort, const String& remotePath,
+                                             const String& tftpHost) {
+    String uri = UriUtil::buildUri("tftp", tftpHost, tftpPort, remotePath);
+    XCode result = createOutFile(remotePath);
+    if (result.isErr()) {
+        return result;
+    }
+    ProvLog::progress("[%s] Starting TFTP download", name.c_str());
+    ProvLog::progress("[%s]   From: %s", name.c_str(), uri.c_str());
+    ProvLog::progress("[%s]   To:   %s", name.c_str(), outFile.c_str());
+
+    String commandLine = tftpCommandLine("-g", outFile, remotePath, tftpHost, tftpPort);
+    tftpResultCallback = Kt::Shell::ResultCallback(
+        Kt::asyncCall(eventLoop),
+        [this](XCode code, String out) { onFileDownloadTftpResult(code, out); });
+    tftpOutputCallback = Kt::Shell::OutputCallback(
+        Kt::asyncCall(eventLoop), [this](String text) { onFileDownloadTftpOutput(text); });
+    tftpFuture = std::make_unique<Kt::Future<String>>();
+    result = Kt::Shell::invoke(commandLine, tftpResultCallback, tftpOutputCallback,
+                               tftpOutputCallback, *tftpFuture);
+    if (result.isErr()) {
+        removeOutFile();
+    }
+    return result;
+}
+
+XCode ProvisioningJob::startFileUploadTftp(unsigned int tftpPort, const String& remotePath,
+                                           const String& tftpHost) {
+    String uri = UriUtil::buildUri("tftp", tftpHost, tftpPort, remotePath);
+    ProvLog::progress("[%s] Starting TFTP upload", name.c_str());
+    ProvLog::progress("[%s]   From: %s", name.c_str(), outFile.c_str());
+    ProvLog::progress("[%s]   To:   %s", name.c_str(), uri.c_str());
+
+    String commandLine = tftpCommandLine("-p", outFile, remotePath, tftpHost, tftpPort);
+    tftpResultCallback = Kt::Shell::ResultCallback(
+        Kt::asyncCall(eventLoop),
+        [this](XCode code, String out) { onFileUploadTftpResult(code, out); });
+    tftpOutputCallback = Kt::Shell::OutputCallback(
+        Kt::asyncCall(eventLoop), [this](String text) { onFileUploadTftpOutput(text); });
+    tftpFuture = std::make_unique<Kt::Future<String>>();
+    // The local file is the upload job's own: nothing to clean up when the start fails.
+    return Kt::Shell::invoke(commandLine, tftpResultCallback, tftpOutputCallback,
+                             tftpOutputCallback, *tftpFuture);
+}
+
+void ProvisioningJob::onFileDownloadTftpResult(XCode result, String /*output*/) {
+    if (result.isErr()) {
+        removeOutFile();
+    }
+    onCurrentDownloadLocationFinished(result);
+}
+
+void ProvisioningJob::onFileUploadTftpResult(XCode result, String /*output*/) {
+    onCurrentUploadLocationFinished(result);
+}
+
+void ProvisioningJob::onFileDownloadTftpOutput(String text) {
+    ProvLog::progressPrefixed("[TFTP] ", text);
+}
+
+void ProvisioningJob::onFileUploadTftpOutput(String text) {
+    onFileDownloadTftpOutput(text);
+}
