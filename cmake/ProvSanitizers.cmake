@@ -1,4 +1,8 @@
-if(PROV_SANITIZE STREQUAL "address")
+if(PROV_FUZZ)
+    # Coverage and sanitizers on all code, so the libraries under the fuzzers are instrumented.
+    add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=address,undefined)
+elseif(PROV_SANITIZE STREQUAL "address")
     add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=all)
     add_link_options(-fsanitize=address,undefined)
 elseif(PROV_SANITIZE STREQUAL "thread")

@@ -72,16 +72,6 @@ bool isUpgradeJob(const String& kind) {
 
 int runJob(const Options& options) {
     const String directory = deviceDirectory(options);
-    Device::SET_ROOT(directory);
-    XCode prepared = Device::MAKE_DIRECTORIES(directory);
-    if (prepared.isSuccess()) {
-        prepared = Device::PREPARE();
-    }
-    if (prepared.isErr()) {
-        printError(prepared);
-        return EXIT_FAILED;
-    }
-
     DeviceSettings settings;
     JobRequest request;
     ExpressionResolver resolver;
@@ -107,6 +97,17 @@ int runJob(const Options& options) {
     request.auth3 = settings.httpsKey;
     request.sourceName = options.source;
     request.dialplanName = options.dialplan;
+
+    // Usage errors come first: a command line that is refused creates nothing.
+    Device::SET_ROOT(directory);
+    XCode prepared = Device::MAKE_DIRECTORIES(directory);
+    if (prepared.isSuccess()) {
+        prepared = Device::PREPARE();
+    }
+    if (prepared.isErr()) {
+        printError(prepared);
+        return EXIT_FAILED;
+    }
 
     StderrMonitors monitors(options.level);
     DRIVER::INSTANCE().registerInterface(DID_SystemStatus(), "provctl",

@@ -99,7 +99,10 @@ XCode ConfigProvisioningJob::storeConfiguration(const String& downloaded) {
 
 XCode ConfigProvisioningJob::executeConfiguration(const String& downloaded) {
     ProvLog::progress("[%s] Executing configuration", name.c_str());
-    XCode result = CmdExec::EXECUTE(downloaded, true, MON_PROV, 0);
+    // The executor gets the monitor only where it would log its command output.
+    RTD::Monitor* output =
+        RTD::REPOSITORY::GET_MONITOR_IF_ENABLED_FOR_LOGGING(MON_PROV, ProvLog::LEVEL_PROGRESS);
+    XCode result = CmdExec::EXECUTE(downloaded, true, output, 0);
     if (result.isErr()) {
         return result;
     }

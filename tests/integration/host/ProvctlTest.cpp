@@ -261,6 +261,7 @@ TEST_F(ProvctlTest, unknownDeviceValueOfAJobIsAUsageError) {
         provctl({"config", "--device", device(), "--set", "nosuch=1", "tftp://127.0.0.1/x"});
     EXPECT_EQ(run.status, 2);
     EXPECT_EQ(run.out, "");
+    EXPECT_FALSE(provtest::fileExists(device()));  // a refused command line creates nothing
 }
 
 TEST_F(ProvctlTest, malformedCredentialsInDeviceTomlAreAUsageError) {

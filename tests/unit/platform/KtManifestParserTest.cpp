@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,6 +24,11 @@ struct Parsed {
     std::string text;
     Params params;
 };
+
+// Test names show the case.
+void PrintTo(const Parsed& c, std::ostream* out) {
+    *out << c.name;
+}
 
 class KtManifestParserParses : public ::testing::TestWithParam<Parsed> {};
 
@@ -60,6 +66,10 @@ struct Broken {
     const char* text;
     const char* message;
 };
+
+void PrintTo(const Broken& c, std::ostream* out) {
+    *out << c.name;
+}
 
 class KtManifestParserRefuses : public ::testing::TestWithParam<Broken> {};
 

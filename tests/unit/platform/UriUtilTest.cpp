@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 
 namespace {
@@ -13,6 +14,11 @@ struct Accepted {
     unsigned int port;
     const char* path;
 };
+
+// Test names show the URI.
+void PrintTo(const Accepted& c, std::ostream* out) {
+    *out << c.uri;
+}
 
 class UriUtilAccepts : public ::testing::TestWithParam<Accepted> {};
 
@@ -51,6 +57,10 @@ struct Refused {
     const char* name;
     std::string uri;
 };
+
+void PrintTo(const Refused& c, std::ostream* out) {
+    *out << c.name;
+}
 
 class UriUtilRefuses : public ::testing::TestWithParam<Refused> {};
 
@@ -123,6 +133,10 @@ struct Built {
     const char* path;
     const char* uri;
 };
+
+void PrintTo(const Built& c, std::ostream* out) {
+    *out << c.uri;
+}
 
 class UriUtilBuilds : public ::testing::TestWithParam<Built> {};
 
