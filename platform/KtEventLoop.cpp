@@ -4,20 +4,24 @@ namespace {
 thread_local KtEventLoop* t_currentLoop = nullptr;
 
 class CurrentLoopScope {
-public:
-    explicit CurrentLoopScope(KtEventLoop* loop) : previous_(t_currentLoop) { t_currentLoop = loop; }
+  public:
+    explicit CurrentLoopScope(KtEventLoop* loop) : previous_(t_currentLoop) {
+        t_currentLoop = loop;
+    }
     ~CurrentLoopScope() { t_currentLoop = previous_; }
     CurrentLoopScope(const CurrentLoopScope&) = delete;
     CurrentLoopScope& operator=(const CurrentLoopScope&) = delete;
 
-private:
+  private:
     KtEventLoop* previous_;
 };
 }  // namespace
 
 KtEventLoop::~KtEventLoop() = default;
 
-KtEventLoop* KtEventLoop::current() { return t_currentLoop; }
+KtEventLoop* KtEventLoop::current() {
+    return t_currentLoop;
+}
 
 void KtEventLoop::post(Event event) {
     {

@@ -10,7 +10,7 @@
 // one at a time, in the order they were posted, with the loop's lock held (Kt::Function's sync
 // delivery takes the same lock, so it never overlaps an event).
 class KtEventLoop {
-public:
+  public:
     using Event = std::function<void()>;
 
     KtEventLoop() = default;
@@ -35,7 +35,7 @@ public:
     static KtEventLoop* current();
     std::size_t pendingEvents() const;
 
-private:
+  private:
     bool runOne(std::unique_lock<std::mutex>& queueLock);
 
     mutable std::mutex queueMutex_;

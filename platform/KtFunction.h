@@ -22,9 +22,15 @@ struct CallContext {
     KtEventLoop* loop;
 };
 
-inline CallContext directCall() { return {Delivery::Direct, nullptr}; }
-inline CallContext syncCall(KtEventLoop& loop) { return {Delivery::Sync, &loop}; }
-inline CallContext asyncCall(KtEventLoop& loop) { return {Delivery::Async, &loop}; }
+inline CallContext directCall() {
+    return {Delivery::Direct, nullptr};
+}
+inline CallContext syncCall(KtEventLoop& loop) {
+    return {Delivery::Sync, &loop};
+}
+inline CallContext asyncCall(KtEventLoop& loop) {
+    return {Delivery::Async, &loop};
+}
 
 template <typename Signature>
 class Function;
@@ -38,11 +44,10 @@ class Function;
 // running): a delivery already under way on another thread is not waited for.
 template <typename... Args>
 class Function<void(Args...)> {
-public:
+  public:
     Function() = default;
     Function(CallContext context, std::function<void(Args...)> target)
-        : handle_(std::make_shared<Handle>(
-              std::make_shared<Core>(context, std::move(target)))) {}
+        : handle_(std::make_shared<Handle>(std::make_shared<Core>(context, std::move(target)))) {}
 
     explicit operator bool() const { return handle_ != nullptr; }
 
@@ -65,9 +70,9 @@ public:
         }
     }
 
-private:
+  private:
     class Core {
-    public:
+      public:
         Core(CallContext context, std::function<void(Args...)> target)
             : context_(context), target_(std::move(target)) {}
 
@@ -93,7 +98,7 @@ private:
             cancelled_ = cancelled_ || forever;
         }
 
-    private:
+      private:
         void enqueue(const std::shared_ptr<Core>& self, std::tuple<Args...> arguments) {
             {
                 std::lock_guard<std::mutex> guard(mutex_);

@@ -9,7 +9,7 @@
 // Ordered list. The job's locations are popped from the front; redirect targets go to the front.
 template <typename T>
 class KtList {
-public:
+  public:
     KtList() = default;
     KtList(std::initializer_list<T> items) : items_(items) {}
 
@@ -33,6 +33,6 @@ public:
     auto begin() const { return items_.begin(); }
     auto end() const { return items_.end(); }
 
-private:
+  private:
     std::deque<T> items_;
 };

@@ -12,7 +12,7 @@ namespace RTD {
 // than the enabled level (smaller numbers are more important). Where the lines go is the host's
 // choice (the sink); without a sink they are dropped. Thread-safe.
 class Monitor {
-public:
+  public:
     using Sink = std::function<void(const Monitor& monitor, int level, const String& line)>;
 
     explicit Monitor(String name, int enabledLevel = 6, Sink sink = nullptr);
@@ -29,7 +29,7 @@ public:
     bool isEnabled(int level) const { return level <= getLevel(); }
     void setSink(Sink sink);
 
-private:
+  private:
     void write(int level, const String& line);
 
     String name_;

@@ -70,7 +70,9 @@ int String::indexOf(const String& text, int start) const {
     return toPosition(text_.find(text.text_, clampPosition(start, text_.size())));
 }
 
-int String::lastIndexOf(char c) const { return toPosition(text_.rfind(c)); }
+int String::lastIndexOf(char c) const {
+    return toPosition(text_.rfind(c));
+}
 
 int String::lastIndexOf(const String& text, int start) const {
     if (start < 0) {

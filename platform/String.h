@@ -12,7 +12,7 @@
 // formatting and the search and edit operations the engine uses. Positions are ints; -1 means
 // "not found". Out-of-range positions are clamped rather than undefined.
 class String {
-public:
+  public:
     static const String s_empty;
 
     String() = default;
@@ -79,11 +79,13 @@ public:
     friend bool operator!=(const String& a, const String& b) { return a.text_ != b.text_; }
     friend bool operator<(const String& a, const String& b) { return a.text_ < b.text_; }
 
-private:
+  private:
     std::string text_;
 };
 
 template <>
 struct std::hash<String> {
-    std::size_t operator()(const String& s) const noexcept { return std::hash<std::string>()(s.str()); }
+    std::size_t operator()(const String& s) const noexcept {
+        return std::hash<std::string>()(s.str());
+    }
 };

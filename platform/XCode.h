@@ -18,7 +18,7 @@ using XCodeValue = std::uint32_t;
 // A code without message is the bare value; a message moves value and message into a record that
 // the code owns. Copies are deep.
 class XCode {
-public:
+  public:
     static constexpr XCodeValue SUCCESS = 0;
     static constexpr XCodeValue GENERIC_FAILURE = 0x7FFFFFFF;
     static constexpr XCodeValue ERRNO_FAMILY = 0x10;
@@ -28,7 +28,7 @@ public:
 
     XCode() = default;
     XCode(XCodeValue value) : value_(value & GENERIC_FAILURE) {}  // NOLINT: codes are values
-    XCode(int value) : XCode(static_cast<XCodeValue>(value)) {}    // NOLINT: -1 is generic failure
+    XCode(int value) : XCode(static_cast<XCodeValue>(value)) {}   // NOLINT: -1 is generic failure
     XCode(const XCode& other);
     XCode(XCode&& other) noexcept = default;
     XCode& operator=(const XCode& other);
@@ -42,7 +42,9 @@ public:
         return XCode((family << 24) | (detail & 0xFFFFFF));
     }
     static XCode fromErrno(int error);
-    static XCode httpStatus(int status) { return family(HTTP_FAMILY, static_cast<XCodeValue>(status)); }
+    static XCode httpStatus(int status) {
+        return family(HTTP_FAMILY, static_cast<XCodeValue>(status));
+    }
 
     bool isErr() const { return getValue() != 0; }
     bool isSuccess() const { return getValue() == 0; }
@@ -72,7 +74,7 @@ public:
     friend bool operator==(const XCode& a, const XCode& b) { return a.getValue() == b.getValue(); }
     friend bool operator!=(const XCode& a, const XCode& b) { return !(a == b); }
 
-private:
+  private:
     struct Record {
         XCodeValue value;
         String message;
