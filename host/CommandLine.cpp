@@ -33,6 +33,7 @@ struct RawOptions {
     std::string dialplan = "dialplan";
     bool json = false;
     int level = 6;
+    int demoLevel = 3;
     std::vector<std::string> locations;
     std::string text;
 };
@@ -88,6 +89,10 @@ ParseOutcome PARSE_COMMAND_LINE(int argc, char** argv, Options& options) {
     addCommonDeviceOptions(*resolve, raw);
     resolve->add_option("TEXT", raw.text, "text to resolve")->required();
 
+    CLI::App* demo =
+        app.add_subcommand("demo", "provision a new simulated device from the demo's own servers");
+    demo->add_option("-v", raw.demoLevel, "monitor level");
+
     std::vector<CLI::Option*> httpsAuthOptions;
     for (const String& kind : JOB_KINDS()) {
         httpsAuthOptions.push_back(addJobCommand(app, kind, raw));
@@ -125,7 +130,7 @@ ParseOutcome PARSE_COMMAND_LINE(int argc, char** argv, Options& options) {
     options.source = raw.source;
     options.dialplan = raw.dialplan;
     options.json = raw.json;
-    options.level = raw.level;
+    options.level = options.command == "demo" ? raw.demoLevel : raw.level;
     options.locations = toStrings(raw.locations);
     options.text = raw.text;
     return ParseOutcome::Run;

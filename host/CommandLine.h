@@ -8,7 +8,7 @@ namespace Provctl {
 
 // What the command line asks for; filled by PARSE_COMMAND_LINE.
 struct Options {
-    String command;  // "resolve" or one of JOB_KINDS()
+    String command;  // "resolve", "demo" or one of JOB_KINDS()
     String device;   // empty: DEFAULT_DEVICE_DIRECTORY()
     String name;     // empty: the job kind
     bool compare = false;
@@ -20,7 +20,7 @@ struct Options {
     String source = "cdr";
     String dialplan = "dialplan";
     bool json = false;
-    int level = 6;
+    int level = 6;  // demo: 3
     std::vector<String> locations;
     String text;  // the text of resolve
 };

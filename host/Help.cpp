@@ -12,6 +12,7 @@ const char* const OVERVIEW = R"PAGE(NAME
 SYNOPSIS
     provctl resolve [--device DIR] [--set NAME=VALUE]... TEXT
     provctl JOB [OPTIONS] LOCATION...
+    provctl demo [-v LEVEL]
     provctl --version
     provctl [COMMAND] --help
 
@@ -20,7 +21,8 @@ DESCRIPTION
     device's flash, configurations, image slots and status in a device directory, builds one
     provisioning job, runs it on an event loop until the job reports its result, and prints
     that result. Monitor lines go to standard error as "PROV <level> <text>",
-    "XFER <level> <text>" and "EVENT <level> <text>".
+    "XFER <level> <text>" and "EVENT <level> <text>". On a terminal a running download's size,
+    rate and percentage are shown on one line below them, rewritten in place.
 
 COMMANDS
     resolve       resolve the $(...) expressions of a text with the device values
@@ -32,6 +34,7 @@ COMMANDS
     wizard        download a wizard into flash/wizard/
     firmware      download a firmware archive or manifest and upgrade an image slot
     script        download a script and have the update controller run it
+    demo          provision a new simulated device from the demo's own servers
 
     "provctl COMMAND --help" describes each command.
 
@@ -44,6 +47,50 @@ EXIT STATUS
     0   the command succeeded
     1   the job failed, or the text could not be resolved
     2   usage error (bad option, unknown device value, malformed device.toml)
+
+EXAMPLES
+    provctl demo
+    provctl config --device /tmp/dev1 tftp://127.0.0.1:6969/unit.cfg
+)PAGE";
+
+const char* const DEMO = R"PAGE(NAME
+    provctl demo - provision a new simulated device from the demo's own servers
+
+SYNOPSIS
+    provctl demo [-v LEVEL]
+
+DESCRIPTION
+    Starts a TFTP server (in.tftpd) and an HTTP server (lighttpd) on free loopback ports,
+    serving the bundled sample files (share/provisioning/demo of the installation, or
+    host/demo-files of the source tree): a configuration, a dial plan, a key, a wizard, a
+    firmware archive (made with tar at start) and a script. The HTTP server asks for Basic
+    credentials of the realm "provisioning" under /secure/ and answers /old/office.txt with a
+    302 redirect.
+
+    It creates a new device directory /tmp/provctl-demo-XXXXXX (with a device.toml holding the
+    device values and the realm's credentials) and runs every job kind against it in this
+    process: config, dialplan (through the redirect), key (authenticated), wizard, firmware
+    (reload immediate), script, upload (the server's copy is checked) and cdr-upload (which
+    must fail with "NOT IMPLEMENTED"). A second round runs the same jobs with --compare and
+    must change nothing on the device.
+
+    At the end it prints one table row per job: kind, location, result, what changed in the
+    device directory (status/ left out) and whether the job did what it should. The servers
+    are stopped on every path, SIGINT and SIGTERM included; the device directory stays for
+    inspection. The TFTP server chroots into its directory, so the demo needs root.
+
+OPTIONS
+    -v LEVEL            highest monitor level shown on standard error (default 3: failures;
+                        6 shows every step of every job)
+    --help              this page
+
+EXIT STATUS
+    0   every job did what it should
+    1   a job did not, a server could not be started, or the demo was interrupted
+
+EXAMPLES
+    provctl demo
+    provctl demo -v 6 2>demo.log
 )PAGE";
 
 const char* const RESOLVE = R"PAGE(NAME
@@ -100,6 +147,9 @@ OUTPUT
     "result: <message> (<code>)". With --json exactly one object:
     {"ok", "value", "message", "text", "imageAction", "activation", "postUpgrade",
      "followUp": {"pending", "mode", "command", "arguments"}, "statusLocation"}.
+    When standard error is a terminal, a download that runs longer than 200 ms shows its
+    size so far, its rate and (when the HTTP server sent Content-Length) its percentage on one
+    line below the monitor lines, rewritten in place; nothing of it stays behind.
 
 EXIT STATUS
     0   the job succeeded
@@ -191,6 +241,9 @@ String MANUAL_PAGE(const String& command) {
     }
     if (command == "resolve") {
         return RESOLVE;
+    }
+    if (command == "demo") {
+        return DEMO;
     }
     auto found = jobPages().find(command);
     return found == jobPages().end() ? String() : jobPage(command, found->second);

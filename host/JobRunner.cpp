@@ -17,9 +17,6 @@ namespace Provctl {
 
 namespace {
 
-// How often the loop looks for a stop signal while no event arrives.
-constexpr std::chrono::milliseconds SIGNAL_POLL{100};
-
 // The management process's side of one job. Called on the job's loop.
 class Handler : public ProvisioningJob::CallbackHandler {
   public:
@@ -103,7 +100,7 @@ std::unique_ptr<ProvisioningJob> BUILD_JOB(const JobRequest& request, KtEventLoo
     return job;
 }
 
-JobOutcome RUN_JOB(const JobRequest& request, KtEventLoop& loop) {
+JobOutcome RUN_JOB(const JobRequest& request, KtEventLoop& loop, const JobWatcher& watcher) {
     Handler handler;
     XCode buildError;
     std::unique_ptr<ProvisioningJob> job = BUILD_JOB(request, loop, handler, buildError);
@@ -120,9 +117,13 @@ JobOutcome RUN_JOB(const JobRequest& request, KtEventLoop& loop) {
             static_cast<void>(job->execute());
         }
     });
+    // The loop runs in slices: between them a stop signal is noticed and the watcher looks.
     while (!handler.finished && STOP_SIGNAL() == 0) {
         static_cast<void>(loop.runUntil(
-            [&handler] { return handler.finished || STOP_SIGNAL() != 0; }, SIGNAL_POLL));
+            [&handler] { return handler.finished || STOP_SIGNAL() != 0; }, WATCH_INTERVAL));
+        if (watcher && job && !handler.finished) {
+            watcher(*job);
+        }
     }
     if (!handler.finished) {
         job.reset();  // cancels the job: its child process is terminated, nothing is reported

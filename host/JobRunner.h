@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -45,10 +47,16 @@ struct JobOutcome {
 std::unique_ptr<ProvisioningJob> BUILD_JOB(const JobRequest& request, KtEventLoop& loop,
                                            ProvisioningJob::CallbackHandler& handler, XCode& error);
 
+// Looks at the running job between events of its loop, on the loop's thread, at least every
+// WATCH_INTERVAL while the job runs (the progress display polls its work file this way).
+using JobWatcher = std::function<void(const ProvisioningJob& job)>;
+constexpr std::chrono::milliseconds WATCH_INTERVAL{100};
+
 // Builds and runs one job on `loop`, on the calling thread, until the job reported its result or
 // a stop signal arrived (then the job is destroyed, which cancels it, and the outcome says
 // interrupted). The caller has set up the device directory and the monitors.
-JobOutcome RUN_JOB(const JobRequest& request, KtEventLoop& loop);
+JobOutcome RUN_JOB(const JobRequest& request, KtEventLoop& loop,
+                   const JobWatcher& watcher = nullptr);
 
 // What the management process does with the slots after a firmware or script job: applies the
 // image action to "next" and, when the job succeeded, the reload type is not None and the job

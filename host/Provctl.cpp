@@ -4,8 +4,10 @@
 #include <memory>
 
 #include "host/CommandLine.h"
+#include "host/Demo.h"
 #include "host/DeviceSettings.h"
 #include "host/JobRunner.h"
+#include "host/Progress.h"
 #include "host/Report.h"
 #include "host/StderrMonitors.h"
 #include "host/StopSignals.h"
@@ -109,7 +111,21 @@ int runJob(const Options& options) {
         return EXIT_FAILED;
     }
 
-    StderrMonitors monitors(options.level);
+    // On a terminal the running download's progress is shown below the monitor lines.
+    const bool download = request.kind != "upload" && request.kind != "cdr-upload";
+    const bool showProgress = download && Stderr::IS_TERMINAL();
+    DownloadProgress progress(request.name, showProgress);
+    StderrMonitors::Observer observer;
+    JobWatcher watcher;
+    if (showProgress) {
+        observer = [&progress](const String&, int, const String& text) {
+            progress.onMonitorLine(text);
+        };
+        watcher = [&progress](const ProvisioningJob& job) {
+            static_cast<void>(progress.poll(job.getOutFile()));
+        };
+    }
+    StderrMonitors monitors(options.level, observer);
     DRIVER::INSTANCE().registerInterface(DID_SystemStatus(), "provctl",
                                          std::make_shared<SimulatedSystemStatus>());
     Kt::Shell::SET_TOOL("tftp", {"busybox", "tftp"});
@@ -118,7 +134,7 @@ int runJob(const Options& options) {
     JobOutcome outcome;
     {
         KtEventLoop loop;
-        outcome = RUN_JOB(request, loop);
+        outcome = RUN_JOB(request, loop, watcher);
     }
     REMOVE_STOP_SIGNALS();
 
@@ -150,7 +166,15 @@ int MAIN(int argc, char** argv) {
         case ParseOutcome::Run:
             break;
     }
-    return options.command == "resolve" ? runResolve(options) : runJob(options);
+    if (options.command == "resolve") {
+        return runResolve(options);
+    }
+    if (options.command == "demo") {
+        DemoOptions demo;
+        demo.level = options.level;
+        return RUN_DEMO(demo);
+    }
+    return runJob(options);
 }
 
 }  // namespace Provctl

@@ -1,25 +1,35 @@
 #include "host/StderrMonitors.h"
 
-#include <cstdio>
+#include <algorithm>
 
 #include "engine/Monitors.h"
+#include "host/Progress.h"
 
 namespace Provctl {
 
 namespace {
 
-void writeToStderr(const RTD::Monitor& monitor, int level, const String& line) {
-    const String text = StderrMonitors::FORMAT(monitor.getName(), level, line);
-    std::fwrite(text.data(), 1, static_cast<std::size_t>(text.length()), stderr);
-    std::fflush(stderr);
+RTD::Monitor::Sink makeSink(int level, const StderrMonitors::Observer& observer) {
+    return [level, observer](const RTD::Monitor& monitor, int lineLevel, const String& line) {
+        if (observer) {
+            observer(monitor.getName(), lineLevel, line);
+        }
+        if (lineLevel <= level) {
+            Stderr::WRITE(StderrMonitors::FORMAT(monitor.getName(), lineLevel, line));
+        }
+    };
+}
+
+int enabledLevel(int level, const StderrMonitors::Observer& observer) {
+    return observer ? std::max(level, static_cast<int>(ProvLog::LEVEL_PROGRESS)) : level;
 }
 
 }  // namespace
 
-StderrMonitors::StderrMonitors(int level)
-    : prov_("PROV", level, writeToStderr),
-      xfer_("XFER", level, writeToStderr),
-      event_("EVENT", level, writeToStderr) {
+StderrMonitors::StderrMonitors(int level, Observer observer)
+    : prov_("PROV", enabledLevel(level, observer), makeSink(level, observer)),
+      xfer_("XFER", enabledLevel(level, observer), makeSink(level, observer)),
+      event_("EVENT", enabledLevel(level, observer), makeSink(level, observer)) {
     MON_PROV = &prov_;
     MON_XFER = &xfer_;
     MON_EVENT = &event_;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include "platform/Monitor.h"
 
 namespace Provctl {
@@ -11,7 +13,13 @@ namespace Provctl {
 // are thread-safe.
 class StderrMonitors {
   public:
-    explicit StderrMonitors(int level);
+    // Sees every line the monitors take, also those above the level written to standard error;
+    // called on the logging thread (any thread), so it must be thread-safe and quick.
+    using Observer = std::function<void(const String& tag, int level, const String& text)>;
+
+    // Lines up to `level` are written. With an observer the monitors take every line up to at
+    // least the progress level 6, and those above `level` only reach the observer.
+    explicit StderrMonitors(int level, Observer observer = nullptr);
     ~StderrMonitors();
     StderrMonitors(const StderrMonitors&) = delete;
     StderrMonitors& operator=(const StderrMonitors&) = delete;

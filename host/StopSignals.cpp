@@ -25,6 +25,7 @@ void INSTALL_STOP_SIGNALS() {
 void REMOVE_STOP_SIGNALS() {
     std::signal(SIGINT, SIG_DFL);
     std::signal(SIGTERM, SIG_DFL);
+    g_stopSignal.store(0);
 }
 
 int STOP_SIGNAL() {

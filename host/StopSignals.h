@@ -6,7 +6,7 @@ namespace Provctl {
 // notices it between events of the loop, destroys the job (which terminates its child process)
 // and exits.
 void INSTALL_STOP_SIGNALS();
-// Restores the default handling.
+// Restores the default handling and forgets a received signal.
 void REMOVE_STOP_SIGNALS();
 // The signal received since INSTALL_STOP_SIGNALS, 0 when none.
 int STOP_SIGNAL();

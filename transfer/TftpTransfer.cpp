@@ -4,6 +4,27 @@
 
 namespace {
 
+// The shell splits the unquoted command line at blanks and tabs and removes double quotes: a
+// value holding one of them would reach tftp as several words, a later "-l" among them choosing
+// where tftp writes. A value starting with '-' would be read as an option; a line break is no
+// part of a file or host name. Such values are refused before anything starts. Empty values are
+// the callers' to judge (a download without a path is a folder, an upload needs one).
+bool isSingleArgument(const String& value) {
+    if (!value.isEmpty() && value.at(0) == '-') {
+        return false;
+    }
+    for (char c : value.str()) {
+        if (c == ' ' || c == '\t' || c == '"' || c == '\n' || c == '\r' || c == '\0') {
+            return false;
+        }
+    }
+    return true;
+}
+
+XCode invalidArgument() {
+    return testExpression(false).setString("INVALID CHARACTER IN TFTP ARGUMENT");
+}
+
 String tftpCommandLine(const char* direction, const String& localFile, const String& remotePath,
                        const String& host, unsigned int port) {
     // Nothing is quoted here: the platform shell splits words on blanks and never runs a shell.
@@ -19,6 +40,9 @@ String tftpCommandLine(const char* direction, const String& localFile, const Str
 
 XCode ProvisioningJob::startFileDownloadTftp(unsigned int tftpPort, const String& remotePath,
                                              const String& tftpHost) {
+    if (!isSingleArgument(remotePath) || !isSingleArgument(tftpHost)) {
+        return invalidArgument();
+    }
     String uri = UriUtil::buildUri("tftp", tftpHost, tftpPort, remotePath);
     XCode result = createOutFile(remotePath);
     if (result.isErr()) {
@@ -45,6 +69,10 @@ XCode ProvisioningJob::startFileDownloadTftp(unsigned int tftpPort, const String
 
 XCode ProvisioningJob::startFileUploadTftp(unsigned int tftpPort, const String& remotePath,
                                            const String& tftpHost) {
+    if (remotePath.isEmpty() || outFile.isEmpty() || !isSingleArgument(remotePath) ||
+        !isSingleArgument(tftpHost) || !isSingleArgument(outFile)) {
+        return invalidArgument();
+    }
     String uri = UriUtil::buildUri("tftp", tftpHost, tftpPort, remotePath);
     ProvLog::progress("[%s] Starting TFTP upload", name.c_str());
     ProvLog::progress("[%s]   From: %s", name.c_str(), outFile.c_str());

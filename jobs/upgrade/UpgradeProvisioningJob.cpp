@@ -55,6 +55,14 @@ XCode UpgradeProvisioningJob::READ_UPGRADE_TEXT(const String& filePath, String& 
 }
 
 XCode UpgradeProvisioningJob::readArchiveManifest(String& text) const {
+    // The work file's name comes from the location. The shell splits the unquoted command line
+    // at blanks and tabs and drops double quotes, so such a name would hand tar words of the
+    // location's choosing ("--to-command=sh" runs the member as a script): refused.
+    for (char c : outFile.str()) {
+        if (c == ' ' || c == '\t' || c == '"' || c == '\n' || c == '\r') {
+            return XCode(-1).setString("INVALID CHARACTER IN ARCHIVE NAME");
+        }
+    }
     // Only the member "manifest" is extracted. The command keeps the device's form; GNU tar's
     // defaults already strip a leading "/" and refuse ".." in member names, and the controller
     // checks every member of the archive before it extracts anything itself.

@@ -2,8 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <csignal>
+
+#include "host/StopSignals.h"
 #include "platform/Device.h"
+#include "platform/Shell.h"
 #include "platform/SlotState.h"
+#include "support/Process.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -136,6 +143,41 @@ TEST_F(JobRunnerTest, runOfAnUnknownKindFails) {
     KtEventLoop loop;
     JobOutcome outcome = Provctl::RUN_JOB(request("flash"), loop);
     EXPECT_TRUE(outcome.result.isErr());
+}
+
+TEST_F(JobRunnerTest, watcherLooksAtTheRunningJobUntilItEnds) {
+    ASSERT_TRUE(Device::PREPARE().isSuccess());
+    Kt::Shell::SET_TOOL("tftp", {"busybox", "tftp"});
+    // A bound port that never answers: the transfer runs until the job is stopped.
+    provtest::LoopbackSocket silent = provtest::LoopbackSocket::udp();
+    ASSERT_TRUE(silent.valid()) << silent.error();
+    Provctl::JobRequest config = request("config");
+    config.locations = KtList<String>();
+    config.locations.pushBack(String::format("tftp://127.0.0.1:%u/watched-%d.cfg", silent.port(),
+                                             static_cast<int>(::getpid())));
+    int looks = 0;
+    String seenName;
+    Provctl::INSTALL_STOP_SIGNALS();
+    KtEventLoop loop;
+    JobOutcome outcome = Provctl::RUN_JOB(config, loop, [&](const ProvisioningJob& job) {
+        ++looks;
+        seenName = job.getName();
+        // The first look stops the job, as Ctrl-C would.
+        std::raise(SIGTERM);
+    });
+    Provctl::REMOVE_STOP_SIGNALS();
+    EXPECT_EQ(looks, 1);
+    EXPECT_EQ(seenName, "config");
+    EXPECT_TRUE(outcome.interrupted);
+}
+
+TEST_F(JobRunnerTest, watcherIsNotCalledForAJobThatEndsAtOnce) {
+    KtEventLoop loop;
+    int looks = 0;
+    JobOutcome outcome = Provctl::RUN_JOB(request("cdr-upload"), loop,
+                                          [&looks](const ProvisioningJob&) { ++looks; });
+    EXPECT_EQ(looks, 0);
+    EXPECT_EQ(outcome.result.getString(), "NOT IMPLEMENTED");
 }
 
 }  // namespace

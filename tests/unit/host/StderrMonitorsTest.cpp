@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <mutex>
+#include <vector>
+
 #include "engine/Monitors.h"
 
 namespace {
@@ -37,6 +40,29 @@ TEST(StderrMonitorsTest, monitorsAreSetForTheirLifetime) {
     EXPECT_EQ(MON_PROV, nullptr);
     EXPECT_EQ(MON_XFER, nullptr);
     EXPECT_EQ(MON_EVENT, nullptr);
+}
+
+TEST(StderrMonitorsTest, observerSeesLinesAboveTheWrittenLevel) {
+    std::mutex mutex;
+    std::vector<std::string> seen;
+    {
+        StderrMonitors monitors(3, [&](const String& tag, int level, const String& text) {
+            std::lock_guard<std::mutex> lock(mutex);
+            seen.push_back(tag.str() + " " + std::to_string(level) + " " + text.str());
+        });
+        EXPECT_TRUE(MON_PROV->isEnabled(6));
+        EXPECT_FALSE(MON_PROV->isEnabled(7));
+        MON_PROV->monitor(6, "[fw/HTTP]   Content-Length: %d", 42);
+        MON_XFER->monitor(3, "fw : a -> b : failed");
+    }
+    EXPECT_EQ(seen, (std::vector<std::string>{"PROV 6 [fw/HTTP]   Content-Length: 42",
+                                              "XFER 3 fw : a -> b : failed"}));
+}
+
+TEST(StderrMonitorsTest, observerKeepsAHigherLevel) {
+    StderrMonitors monitors(8, [](const String&, int, const String&) {});
+    EXPECT_TRUE(MON_PROV->isEnabled(8));
+    EXPECT_FALSE(MON_PROV->isEnabled(9));
 }
 
 }  // namespace
