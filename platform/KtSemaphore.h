@@ -6,14 +6,14 @@
 #include "XCode.h"
 
 class KtSemaphore {
-public:
+  public:
     enum TimeSource { MONOTONIC = 0 };
     KtSemaphore(int initial, int maximum, TimeSource source = MONOTONIC);
     [[nodiscard]] XCode wait();
     // An error when the count is already at its maximum.
     XCode signal();
 
-private:
+  private:
     std::mutex mutex_;
     std::condition_variable available_;
     int count_;
