@@ -84,6 +84,15 @@ inline std::map<std::string, std::string> snapshotFiles(const std::string& root)
     return files;
 }
 
+// `text` on one line: line breaks written as "\n".
+inline std::string oneLine(const std::string& text) {
+    std::string line;
+    for (char c : text) {
+        line += c == '\n' ? std::string("\\n") : std::string(1, c);
+    }
+    return line;
+}
+
 // Differences between two snapshots, one line each; empty when they are equal.
 inline std::string describeChanges(const std::map<std::string, std::string>& before,
                                    const std::map<std::string, std::string>& after) {
@@ -93,7 +102,8 @@ inline std::string describeChanges(const std::map<std::string, std::string>& bef
         if (found == after.end()) {
             changes += "lost: " + name + "\n";
         } else if (found->second != content) {
-            changes += "changed: " + name + " ('" + content + "' -> '" + found->second + "')\n";
+            changes += "changed: " + name + " ('" + oneLine(content) + "' -> '" +
+                       oneLine(found->second) + "')\n";
         }
     }
     for (const auto& [name, content] : after) {
