@@ -23,6 +23,7 @@ constexpr std::chrono::milliseconds TERMINATION_GRACE{1000};
 // Exit polling interval for children without a pidfd.
 constexpr int REAP_POLL_MS = 50;
 constexpr std::size_t READ_SIZE = 64 * 1024;
+constexpr int READS_PER_WAKE = 4;
 
 void signalGroup(pid_t pid, int signal) {
     // The child leads its own process group; what it started goes with it. The group id is
@@ -125,25 +126,34 @@ void Reactor::handleAbandonment(Command& command, std::chrono::steady_clock::tim
 void Reactor::readPipe(Command& command, bool errorStream) {
     static char buffer[READ_SIZE];  // reactor thread only
     int& fd = errorStream ? command.errFd : command.outFd;
-    ssize_t count = ::read(fd, buffer, sizeof buffer);
-    if (count > 0) {
-        if (command.abandoned.load()) {
+    // Reads on until the pipe is empty (a bounded number of times, so that one talkative child
+    // cannot hold up the others): a child's last output and its end of file then arrive in one
+    // wake-up, and the result does not wait for another round through poll.
+    for (int reads = 0; reads < READS_PER_WAKE; ++reads) {
+        ssize_t count = ::read(fd, buffer, sizeof buffer);
+        if (count > 0) {
+            if (command.abandoned.load()) {
+                return;
+            }
+            String piece(buffer, static_cast<std::size_t>(count));
+            command.collected.append(piece);
+            std::lock_guard<std::recursive_mutex> guard(command.deliveryMutex);
+            if (!command.abandoned.load()) {
+                Shell::OutputCallback callback = errorStream ? command.errorOutput : command.output;
+                callback(std::move(piece));
+            }
+            continue;
+        }
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0 && errno == EAGAIN) {
             return;
         }
-        String piece(buffer, static_cast<std::size_t>(count));
-        command.collected.append(piece);
-        std::lock_guard<std::recursive_mutex> guard(command.deliveryMutex);
-        if (!command.abandoned.load()) {
-            Shell::OutputCallback callback = errorStream ? command.errorOutput : command.output;
-            callback(std::move(piece));
-        }
+        // End of file, or an error that ends the stream just the same.
+        closeFd(fd);
         return;
     }
-    if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
-        return;
-    }
-    // End of file, or an error that ends the stream just the same.
-    closeFd(fd);
 }
 
 void Reactor::tryReap(Command& command) {
@@ -261,7 +271,9 @@ void Reactor::run() {
             Command& command = *watched[i - 1].first;
             switch (watched[i - 1].second) {
                 case Watch::PidFd:
-                    tryReap(command);
+                    if (!command.reaped) {
+                        tryReap(command);
+                    }
                     break;
                 case Watch::Out:
                     if (command.outFd >= 0) {
@@ -273,6 +285,11 @@ void Reactor::run() {
                         readPipe(command, true);
                     }
                     break;
+            }
+            // A child closes its pipes on the way out, a moment before it can be reaped: one
+            // look now often saves the wake-up for its exit.
+            if (!command.reaped && command.pidFd >= 0 && command.outFd < 0 && command.errFd < 0) {
+                tryReap(command);
             }
         }
     }

@@ -68,7 +68,9 @@ int RUN_CONCURRENCY(const Options& options, Recorder& recorder) {
     Series jobs{std::to_string(count) + " jobs on one loop", "ms", {}};
     Series bare{std::to_string(count) + " bare wget, one after the other", "ms", {}};
     Series ratio{std::to_string(count) + " jobs | ratio", "x", {}};
-    Series peakDescriptors{std::to_string(count) + " jobs | peak descriptors", "", {}};
+    Series peakDescriptors{std::to_string(count) + " jobs | descriptors after the starts", "", {}};
+    Series cpu{std::to_string(count) + " jobs | engine CPU", "ms", {}};
+    Series starting{std::to_string(count) + " jobs | time to start them all", "ms", {}};
     int failures = 0;
     int completedAll = 0;
     bool resourcesBack = true;
@@ -91,6 +93,7 @@ int RUN_CONCURRENCY(const Options& options, Recorder& recorder) {
                 loop, String::format("job%d", i), locations, credentials, resolver, *handler));
             handlers.push_back(std::move(handler));
         }
+        double cpuBefore = CPU_MS();
         long long start = NOW_NS();
         for (int i = 0; i < count; ++i) {
             if (running[static_cast<std::size_t>(i)]->execute().isErr()) {
@@ -98,8 +101,10 @@ int RUN_CONCURRENCY(const Options& options, Recorder& recorder) {
             }
         }
         peak = OPEN_DESCRIPTORS();
+        starting.values.push_back(static_cast<double>(NOW_NS() - start) / 1e6);
         bool done = loop.runUntil([&] { return finished == count; }, std::chrono::minutes(5));
         long long end = NOW_NS();
+        cpu.values.push_back(CPU_MS() - cpuBefore);
         for (const auto& handler : handlers) {
             succeeded += handler->finished && handler->result.isSuccess() ? 1 : 0;
         }
@@ -143,6 +148,8 @@ int RUN_CONCURRENCY(const Options& options, Recorder& recorder) {
     recorder.series(jobs);
     recorder.series(bare);
     recorder.series(ratio);
+    recorder.series(cpu);
+    recorder.series(starting);
     recorder.series(peakDescriptors);
     recorder.check({std::to_string(count) + " concurrent jobs all succeeded",
                     completedAll == options.concurrencyRounds,

@@ -1,9 +1,17 @@
 // The job suite: whole jobs against the bare tools, the engine's latency around a child
 // process, many jobs at once, and provctl's firmware run with its peak memory.
-//   JobSuite [--out FILE] [--small-runs N] [--large-runs N] [--jobs N] [--rounds N] SECTION...
+//   JobSuite [--out FILE] [--small-runs N] [--large-runs N] [--jobs N] [--rounds N]
+//            [--filter TEXT] [--tmpfs] SECTION...
 // SECTION is transfers, latency, concurrency or firmware. Figures go to FILE as JSON lines
 // (bench/report.py), progress to standard error. Runs as root: tftpd-hpa chroots.
+// --tmpfs puts a tmpfs over /tmp/provisioning, in a mount namespace of this process's own (the
+// rest of the machine keeps its /tmp), and marks every transfer label " (tmpfs)": a device's
+// /tmp lives in memory, a development host's often on disk.
 
+#include <sched.h>
+#include <sys/mount.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,8 +27,23 @@ namespace {
 int usage() {
     std::fprintf(stderr,
                  "usage: JobSuite [--out FILE] [--small-runs N] [--large-runs N] [--jobs N] "
-                 "[--rounds N] transfers|latency|concurrency|firmware...\n");
+                 "[--rounds N] [--filter TEXT] [--tmpfs] "
+                 "transfers|latency|concurrency|firmware...\n");
     return 2;
+}
+
+bool mountPrivateTmpfs(const char* directory) {
+    if (::unshare(CLONE_NEWNS) != 0) {
+        std::fprintf(stderr, "unshare(CLONE_NEWNS): %s\n", std::strerror(errno));
+        return false;
+    }
+    // Without this the new mount would propagate back to the machine's own namespace.
+    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("tmpfs", directory, "tmpfs", 0, "mode=0755") != 0) {
+        std::fprintf(stderr, "cannot mount a tmpfs on %s: %s\n", directory, std::strerror(errno));
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -32,6 +55,7 @@ int main(int argc, char** argv) {
     options.provctl = PROV_BENCH_PROVCTL;
     std::string out;
     std::vector<std::string> sections;
+    bool tmpfs = false;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         bool hasValue = i + 1 < argc;
@@ -43,6 +67,11 @@ int main(int argc, char** argv) {
             options.largeRuns = std::atoi(argv[++i]);
         } else if (arg == "--jobs" && hasValue) {
             options.concurrentJobs = std::atoi(argv[++i]);
+        } else if (arg == "--filter" && hasValue) {
+            options.filter = argv[++i];
+        } else if (arg == "--tmpfs") {
+            tmpfs = true;
+            options.labelSuffix = " (tmpfs)";
         } else if (arg == "--rounds" && hasValue) {
             options.concurrencyRounds = std::atoi(argv[++i]);
         } else if (arg == "transfers" || arg == "latency" || arg == "concurrency" ||
@@ -64,6 +93,9 @@ int main(int argc, char** argv) {
     // which are the host's business, not the engine's.
     if (Device::MAKE_DIRECTORIES("/tmp/provisioning").isErr()) {
         std::fprintf(stderr, "cannot create /tmp/provisioning\n");
+        return 1;
+    }
+    if (tmpfs && !mountPrivateTmpfs("/tmp/provisioning")) {
         return 1;
     }
     int failed = 0;

@@ -167,6 +167,50 @@ ChildOutcome RUN_TOOL(const std::vector<std::string>& argv, const std::string& l
     return outcome;
 }
 
+double CPU_MS() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    auto ms = [](const timeval& time) {
+        return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_usec) / 1e3;
+    };
+    return ms(usage.ru_utime) + ms(usage.ru_stime);
+}
+
+namespace {
+
+long long threadSleeps(const std::string& task) {
+    std::ifstream status("/proc/self/task/" + task + "/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("voluntary_ctxt_switches:", 0) == 0) {
+            return std::atoll(line.c_str() + 24);
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+long long MAIN_THREAD_SLEEPS() {
+    return threadSleeps(std::to_string(::getpid()));
+}
+
+long long OTHER_THREADS_SLEEPS() {
+    const std::string self = std::to_string(::getpid());
+    DIR* directory = ::opendir("/proc/self/task");
+    if (directory == nullptr) {
+        return 0;
+    }
+    long long total = 0;
+    while (dirent* entry = ::readdir(directory)) {
+        if (entry->d_name[0] != '.' && self != entry->d_name) {
+            total += threadSleeps(entry->d_name);
+        }
+    }
+    ::closedir(directory);
+    return total;
+}
+
 int OPEN_DESCRIPTORS() {
     DIR* directory = ::opendir("/proc/self/fd");
     if (directory == nullptr) {

@@ -64,6 +64,14 @@ struct ChildOutcome {
 ChildOutcome RUN_TOOL(const std::vector<std::string>& argv, const std::string& logPath = "",
                       const std::vector<std::string>& extraEnv = {});
 
+// CPU time (user and system) this process has used so far, all threads, in milliseconds.
+double CPU_MS();
+
+// Voluntary context switches so far (how often a thread went to sleep): of the main thread, and
+// of all other live threads of this process together.
+long long MAIN_THREAD_SLEEPS();
+long long OTHER_THREADS_SLEEPS();
+
 // The number of open descriptors, threads and live child processes of this process.
 int OPEN_DESCRIPTORS();
 int THREADS();

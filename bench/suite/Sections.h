@@ -14,6 +14,9 @@ struct Options {
     std::string stampTool;  // bench/suite/StampTool.cpp
     std::string peakProbe;  // bench/suite/PeakMemoryProbe.cpp, preloaded into provctl
     std::string provctl;
+    std::string filter;  // transfers: only the cases whose label contains this text
+    // transfers: appended to every label, to tell a second run apart (" (tmpfs)")
+    std::string labelSuffix;
 };
 
 // Each section records its figures and returns 0, or 1 when something did not work.

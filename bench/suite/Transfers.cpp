@@ -1,15 +1,18 @@
 // Whole download jobs against the bare tool on the same file from the same server, run by turns
 // in one process so that every ratio compares neighbouring runs.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "BenchJob.h"
 #include "Measure.h"
 #include "Sections.h"
+#include "platform/WgetUtil.h"
 #include "support/Certificates.h"
 #include "support/HttpServer.h"
 #include "support/TftpServer.h"
@@ -33,15 +36,44 @@ struct Case {
     std::string jobWorkFile;
     std::string bareWorkFile;
     std::vector<std::string> bareArgv;
+    // HTTP(S): also the job's own wget command line, run without the engine. Separates what the
+    // engine costs from what its choice of wget options costs (or saves).
+    bool jobCommandLine = false;
     int runs = 0;
 };
 
-bool runCase(const Case& transfer, Recorder& recorder) {
-    Series job{transfer.label + " | job", "ms", {}};
-    Series bare{transfer.label + " | " + transfer.toolName, "ms", {}};
-    Series ratio{transfer.label + " | ratio", "x", {}};
+// The argument list the job gives wget, with its private files made; release them afterwards.
+bool jobWgetArgs(const Case& transfer, const std::string& out, std::vector<String>& args) {
+    XCode built = WgetUtil::buildArgs(true, transfer.url, String(), String(), String(out),
+                                      transfer.https1, String(), String(), false, args, String());
+    return built.isSuccess();
+}
+
+// Creates the work file as the job's createOutFile does (write-only, created, not truncated).
+bool createLikeTheJob(const std::string& path) {
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        return false;
+    }
+    ::close(fd);
+    return true;
+}
+
+// One contender of a round: runs once and gives its wall time in milliseconds.
+struct Contender {
+    Series series;
+    std::function<bool(double&)> run;
+};
+
+bool runCase(const Case& transfer, const Options& options, Recorder& recorder) {
+    if (transfer.label.find(options.filter) == std::string::npos) {
+        return true;
+    }
+    Series cpu{transfer.label + " | engine CPU", "ms", {}};
     auto runJob = [&](double& ms) {
+        double cpuBefore = CPU_MS();
         JobRun run = RUN_ONE_JOB(transfer.url, transfer.https1);
+        cpu.values.push_back(CPU_MS() - cpuBefore);
         REMOVE(transfer.jobWorkFile);
         if (run.result.isErr()) {
             recorder.note(transfer.label + ": job failed: " + run.result.toString().str());
@@ -50,40 +82,89 @@ bool runCase(const Case& transfer, Recorder& recorder) {
         ms = run.seconds() * 1e3;
         return true;
     };
-    auto runBare = [&](double& ms) {
+    auto runArgv = [&](const std::vector<std::string>& argv, bool createFirst, double& ms) {
+        if (createFirst && !createLikeTheJob(transfer.bareWorkFile)) {
+            recorder.note(transfer.label + ": cannot create " + transfer.bareWorkFile);
+            return false;
+        }
         long long start = NOW_NS();
-        ChildOutcome outcome = RUN_TOOL(transfer.bareArgv);
+        ChildOutcome outcome = RUN_TOOL(argv);
         ms = static_cast<double>(NOW_NS() - start) / 1e6;
         REMOVE(transfer.bareWorkFile);
         if (!outcome.ok()) {
-            recorder.note(transfer.label + ": " + transfer.toolName + " " + outcome.describe());
+            recorder.note(transfer.label + ": " + argv.front() + " " + outcome.describe());
             return false;
         }
         return true;
     };
-    // Untimed: the page cache holds the served file and the reactor thread runs.
-    double ignored = 0;
-    if (!runJob(ignored) || !runBare(ignored)) {
-        return false;
-    }
-    for (int i = 0; i < transfer.runs; ++i) {
-        double jobMs = 0;
-        double bareMs = 0;
-        // Turns alternate, so that neither side always runs on a cache the other warmed.
-        bool ok = i % 2 == 0 ? runJob(jobMs) && runBare(bareMs) : runBare(bareMs) && runJob(jobMs);
-        if (!ok) {
+    auto runSameLine = [&](double& ms) {
+        std::vector<String> args;
+        if (!jobWgetArgs(transfer, transfer.bareWorkFile, args)) {
+            recorder.note(transfer.label + ": cannot build the job's wget arguments");
             return false;
         }
-        job.values.push_back(jobMs);
-        bare.values.push_back(bareMs);
-        ratio.values.push_back(jobMs / bareMs);
+        std::vector<std::string> argv = {"wget"};
+        for (const String& arg : args) {
+            argv.push_back(arg.str());
+        }
+        bool ok = runArgv(argv, true, ms);
+        WgetUtil::RELEASE_SECRETS(args);
+        return ok;
+    };
+
+    std::vector<Contender> contenders;
+    contenders.push_back({{transfer.label + " | job", "ms", {}}, runJob});
+    contenders.push_back({{transfer.label + " | " + transfer.toolName, "ms", {}},
+                          [&](double& ms) { return runArgv(transfer.bareArgv, false, ms); }});
+    contenders.push_back(
+        {{transfer.label + " | " + transfer.toolName + ", work file created first", "ms", {}},
+         [&](double& ms) { return runArgv(transfer.bareArgv, true, ms); }});
+    if (transfer.jobCommandLine) {
+        contenders.push_back(
+            {{transfer.label + " | job's wget command line, work file created first", "ms", {}},
+             runSameLine});
     }
-    recorder.series(job);
-    recorder.series(bare);
-    recorder.series(ratio);
-    std::vector<double> sorted = ratio.values;
-    std::sort(sorted.begin(), sorted.end());
-    recorder.note(transfer.label + ": median ratio " + std::to_string(sorted[sorted.size() / 2]));
+    // Untimed: the page cache holds the served file and the reactor thread runs.
+    for (Contender& contender : contenders) {
+        double ignored = 0;
+        if (!contender.run(ignored)) {
+            return false;
+        }
+    }
+    cpu.values.clear();
+    const std::size_t count = contenders.size();
+    for (int i = 0; i < transfer.runs; ++i) {
+        // The order turns round by round, so that no contender always runs on a cache, a disk
+        // or a scheduler state that another one left.
+        for (std::size_t k = 0; k < count; ++k) {
+            Contender& contender = contenders[(k + static_cast<std::size_t>(i)) % count];
+            double ms = 0;
+            if (!contender.run(ms)) {
+                return false;
+            }
+            contender.series.values.push_back(ms);
+        }
+    }
+    const std::vector<double>& job = contenders[0].series.values;
+    for (Contender& contender : contenders) {
+        recorder.series(contender.series);
+    }
+    static const char* const RATIO_NAMES[] = {"", "ratio", "ratio to the work file created first",
+                                              "ratio to the job's command line"};
+    for (std::size_t k = 1; k < count; ++k) {
+        Series ratio{transfer.label + " | " + RATIO_NAMES[k], "x", {}};
+        for (std::size_t i = 0; i < job.size(); ++i) {
+            ratio.values.push_back(job[i] / contenders[k].series.values[i]);
+        }
+        recorder.series(ratio);
+        if (k == 1) {
+            std::vector<double> sorted = ratio.values;
+            std::sort(sorted.begin(), sorted.end());
+            recorder.note(transfer.label + ": median ratio " +
+                          std::to_string(sorted[sorted.size() / 2]));
+        }
+    }
+    recorder.series(cpu);
     return true;
 }
 
@@ -117,7 +198,7 @@ int RUN_TRANSFERS(const Options& options, Recorder& recorder) {
                 return 1;
             }
             Case transfer;
-            transfer.label = "TFTP " + sizeName(size);
+            transfer.label = "TFTP " + sizeName(size) + options.labelSuffix;
             transfer.toolName = "busybox tftp";
             transfer.url = String::format("tftp://127.0.0.1:%u/%s", server.port(), name.c_str());
             transfer.jobWorkFile = WORK_DIRECTORY + name;
@@ -132,7 +213,7 @@ int RUN_TRANSFERS(const Options& options, Recorder& recorder) {
                                  "127.0.0.1",
                                  std::to_string(server.port())};
             transfer.runs = runsFor(size);
-            failures += runCase(transfer, recorder) ? 0 : 1;
+            failures += runCase(transfer, options, recorder) ? 0 : 1;
         }
     }
 
@@ -158,7 +239,8 @@ int RUN_TRANSFERS(const Options& options, Recorder& recorder) {
                 return 1;
             }
             Case transfer;
-            transfer.label = std::string(https ? "HTTPS " : "HTTP ") + sizeName(size);
+            transfer.label =
+                std::string(https ? "HTTPS " : "HTTP ") + sizeName(size) + options.labelSuffix;
             transfer.toolName = "wget";
             transfer.url = server.url("/" + name);
             transfer.jobWorkFile = WORK_DIRECTORY + name;
@@ -169,8 +251,9 @@ int RUN_TRANSFERS(const Options& options, Recorder& recorder) {
                 transfer.bareArgv.push_back("--ca-certificate=" + certificates.rootCa());
             }
             transfer.bareArgv.push_back(transfer.url.str());
+            transfer.jobCommandLine = true;
             transfer.runs = runsFor(size);
-            failures += runCase(transfer, recorder) ? 0 : 1;
+            failures += runCase(transfer, options, recorder) ? 0 : 1;
             REMOVE(server.docroot() + "/" + name);
         }
     }
