@@ -3,30 +3,14 @@
 #include <benchmark/benchmark.h>
 
 #include "expression/ExpressionResolver.h"
+#include "support/TypicalDevice.h"
 
 namespace {
-
-void fillDevice(ExpressionResolver& resolver) {
-    resolver.macAddress = "00A0BA0B0C0D";
-    resolver.serialNumber = "SN4711";
-    resolver.tftpServer = "192.168.1.10";
-    resolver.tftpFileName = "boot.cfg";
-    resolver.hwMajor = "2";
-    resolver.hwMinor = "1";
-    resolver.swMajor = "5";
-    resolver.swMinor = "3";
-    resolver.swBuild = "1042";
-    resolver.swDate = "2023-06-01";
-    resolver.productName = "GW4000-S";
-    resolver.productBaseName = "GW4000";
-    resolver.cliMajorVersion = "5";
-    resolver.cliMinorVersion = "7";
-}
 
 // Three plain expressions, one conditional and one with a nested expression.
 void replaceAllExpressionsInLocation(benchmark::State& state) {
     ExpressionResolver resolver;
-    fillDevice(resolver);
+    provtest::fillTypicalDevice(resolver);
     const String location =
         "http://$(dhcp.66)/cfg/$(system.hw.major>=2|new|old)/"
         "$(system.mac)-$(system.sw.major=$(cli.major)|a|b).cfg";
@@ -42,7 +26,7 @@ BENCHMARK(replaceAllExpressionsInLocation);
 // The same location without expressions: the cost of a location that needs nothing.
 void replaceAllExpressionsWithoutExpression(benchmark::State& state) {
     ExpressionResolver resolver;
-    fillDevice(resolver);
+    provtest::fillTypicalDevice(resolver);
     const String location = "http://192.168.1.10/cfg/new/00A0BA0B0C0D-a.cfg";
     for (auto _ : state) {
         String text = location;

@@ -11,6 +11,7 @@
 #include <cstdlib>
 
 #include "expression/ExpressionResolver.h"
+#include "support/TypicalDevice.h"
 
 namespace {
 
@@ -36,23 +37,6 @@ const char* const VALUE_NAMES[] = {
     "sw.version",
 };
 
-void fillTypicalDevice(ExpressionResolver& resolver) {
-    resolver.macAddress = "00A0BA0B0C0D";
-    resolver.serialNumber = "SN4711";
-    resolver.tftpServer = "192.168.1.10";
-    resolver.tftpFileName = "boot.cfg";
-    resolver.hwMajor = "2";
-    resolver.hwMinor = "1";
-    resolver.swMajor = "5";
-    resolver.swMinor = "3";
-    resolver.swBuild = "1042";
-    resolver.swDate = "2023-06-01";
-    resolver.productName = "GW4000-S";
-    resolver.productBaseName = "GW4000";
-    resolver.cliMajorVersion = "5";
-    resolver.cliMinorVersion = "7";
-}
-
 String withoutDollar(const String& value) {
     String result;
     for (int i = 0; i < value.length(); ++i) {
@@ -77,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     int lineEnd = input.indexOf('\n');
     String text = lineEnd < 0 ? input : input.substring(0, lineEnd);
     if (lineEnd < 0) {
-        fillTypicalDevice(resolver);
+        provtest::fillTypicalDevice(resolver);
     }
     for (const char* name : VALUE_NAMES) {
         if (lineEnd < 0) {

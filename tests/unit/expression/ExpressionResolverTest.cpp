@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "support/TypicalDevice.h"
+
 // Readable failure output for the platform's string.
 static void PrintTo(const String& text, std::ostream* out) {
     *out << '"' << text.str() << '"';
@@ -13,28 +15,7 @@ static void PrintTo(const String& text, std::ostream* out) {
 
 namespace {
 
-// A device with a value for every expression name; values differ so that a mix-up shows.
-void fillDevice(ExpressionResolver& resolver) {
-    resolver.macAddress = "00A0BA0B0C0D";
-    resolver.serialNumber = "SN4711";
-    resolver.tftpServer = "192.168.1.10";
-    resolver.tftpFileName = "boot.cfg";
-    resolver.hwMajor = "2";
-    resolver.hwMinor = "1";
-    resolver.swMajor = "5";
-    resolver.swMinor = "3";
-    resolver.swBuild = "1042";
-    resolver.swDate = "2023-06-01";
-    resolver.productName = "GW4000-S";
-    resolver.productBaseName = "GW4000";
-    resolver.cliMajorVersion = "5";
-    resolver.cliMinorVersion = "7";
-    resolver.modelName = "Model 4000";
-    resolver.oemName = "OEM";
-    resolver.hwVersion = "2.1";
-    resolver.hwRevision = "B";
-    resolver.swVersion = "5.3.1042";
-}
+using provtest::fillTypicalDevice;
 
 void expectGenericFailure(const XCode& result) {
     EXPECT_TRUE(result.isErr());
@@ -50,7 +31,7 @@ std::string caseName(const ::testing::TestParamInfo<Case>& param) {
 
 class ExpressionResolverTest : public ::testing::Test {
   protected:
-    ExpressionResolverTest() { fillDevice(resolver); }
+    ExpressionResolverTest() { fillTypicalDevice(resolver); }
 
     ExpressionResolver resolver;
 };
@@ -73,7 +54,7 @@ class ReplaceAllExpressionsTest : public ::testing::TestWithParam<ReplaceCase> {
 TEST_P(ReplaceAllExpressionsTest, rewritesTextInPlace) {
     const ReplaceCase& c = GetParam();
     ExpressionResolver resolver;
-    fillDevice(resolver);
+    fillTypicalDevice(resolver);
     String text = c.input;
     XCode result = resolver.replaceAllExpressions(text);
     if (c.succeeds) {
