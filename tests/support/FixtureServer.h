@@ -86,4 +86,8 @@ class FixtureServer {
     ServerProcess process_;
 };
 
+// "user:password" from a Basic Authorization header value (as a request recorded it), or ""
+// when it is not one.
+std::string decodeBasic(const std::string& header);
+
 }  // namespace provtest

@@ -19,6 +19,7 @@
 namespace {
 
 using namespace provtest::hardening;
+using provtest::decodeBasic;
 using provtest::FixtureResponse;
 using provtest::FixtureServer;
 

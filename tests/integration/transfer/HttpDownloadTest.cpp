@@ -28,6 +28,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using provtest::CaptureMonitor;
+using provtest::decodeBasic;
 using provtest::FixtureResponse;
 using provtest::FixtureServer;
 using provtest::HttpServer;
@@ -39,32 +40,6 @@ struct RecordingHandler : ProvisioningJob::CallbackHandler {
     void jobFinished(ProvisioningJob&, XCode result) override { results.push_back(result); }
     std::vector<XCode> results;
 };
-
-// "user:password" from a Basic Authorization header value, or "" when it is not one.
-std::string decodeBasic(const std::string& header) {
-    const std::string prefix = "Basic ";
-    if (header.compare(0, prefix.size(), prefix) != 0) {
-        return "";
-    }
-    static const std::string ALPHABET =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string decoded;
-    unsigned int bits = 0;
-    int count = 0;
-    for (std::size_t i = prefix.size(); i < header.size() && header[i] != '='; ++i) {
-        std::size_t value = ALPHABET.find(header[i]);
-        if (value == std::string::npos) {
-            return "";
-        }
-        bits = (bits << 6) | static_cast<unsigned int>(value);
-        count += 6;
-        if (count >= 8) {
-            count -= 8;
-            decoded.push_back(static_cast<char>((bits >> count) & 0xFF));
-        }
-    }
-    return decoded;
-}
 
 class HttpDownloadTest : public ::testing::Test {
   protected:
