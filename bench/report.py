@@ -306,7 +306,8 @@ def notes_text(results):
             text += (f" With the work file created first, as the job's `createOutFile` leaves "
                      f"it, the bare {tool} takes {created:,.1f} ms instead of {bare:,.1f} ms; "
                      f"the job's ratio to that is {created_ratio:.2f}.")
-            file_system = file_system or created > bare
+            if not label.endswith(TMPFS):
+                file_system = file_system or created > bare
         if own is not None:
             text += (f" The job's own wget command line, run bare on a work file created "
                      f"first, takes {own:,.1f} ms; the job's ratio to that is {own_ratio:.2f}.")
@@ -323,21 +324,30 @@ def notes_text(results):
             ratio = results.median(f"{label}{TMPFS} | ratio")
             if ratio is not None and "1 KiB" not in label:
                 on_tmpfs.append(f"{label} {ratio:.2f}")
+        if work_fs == "ext4":
+            mechanism = (
+                "The work directory here is on ext4, and a tool that opens an existing file "
+                "with O_TRUNC and rewrites it arms ext4's replace-by-truncate safety "
+                "(`auto_da_alloc`), which starts the write-back of the whole file when the tool "
+                "closes it; a new file's data stays in the page cache instead. The job must leave "
+                "the work file created before the transfer starts, so every job pays this on an "
+                "ext4 /tmp. ")
+            remedies = ", or an ext4 mounted with `noauto_da_alloc`"
+        else:
+            mechanism = (
+                f"The work directory here is on {work_fs}, where rewriting an existing file costs "
+                f"more than writing a new one, and the job must leave the work file created "
+                f"before the transfer starts. ")
+            remedies = ""
         notes.append(
             f"\nThe difference between a bare tool on a new file and the job is the file "
-            f"system's, not the engine's. The work directory here is on {work_fs}, and a tool "
-            f"that opens an existing file with O_TRUNC and rewrites it arms ext4's "
-            f"replace-by-truncate safety (`auto_da_alloc`), which starts the write-back of the "
-            f"whole file when the tool closes it; a new file's data stays in the page cache "
-            f"instead. The job must leave the work file created before the transfer starts, so "
-            f"every job pays this on an ext4 /tmp. What meets the target: /tmp/provisioning on "
-            f"a tmpfs, as a device has it (median ratios of the large transfers measured so in "
-            f"this run: {', '.join(on_tmpfs) if on_tmpfs else 'not measured'}), or an ext4 "
-            f"mounted with `noauto_da_alloc`. Not creating the work file before the transfer "
-            f"would also do, but that changes what the engine does, so it was not made. Where "
-            f"the job's own wget command line is slower than a bare `wget -q -O`, that is "
-            f"wget's handling of the options the platform gives it (docs/WGET.md), which the "
-            f"job runs as they are.")
+            f"system's, not the engine's. {mechanism}What meets the target: /tmp/provisioning "
+            f"on a tmpfs, as a device has it (median ratios of the large transfers measured so "
+            f"in this run: {', '.join(on_tmpfs) if on_tmpfs else 'not measured'}){remedies}. "
+            f"Not creating the work file before the transfer would also do, but that changes "
+            f"what the engine does, so it was not made. Where the job's own wget command line is "
+            f"slower than a bare `wget -q -O`, that is wget's handling of the options the "
+            f"platform gives it (docs/WGET.md), which the job runs as they are.")
     start = results.values("spawn floor | start")
     end = results.values("spawn floor | end")
     for label in ("TFTP", "HTTP"):

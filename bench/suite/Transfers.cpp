@@ -59,9 +59,11 @@ bool createLikeTheJob(const std::string& path) {
     return true;
 }
 
-// One contender of a round: runs once and gives its wall time in milliseconds.
+// One contender of a round: runs once and gives its wall time in milliseconds. Every contender
+// but the job has the name of the job's ratio to it.
 struct Contender {
     Series series;
+    std::string ratioName;
     std::function<bool(double&)> run;
 };
 
@@ -113,15 +115,18 @@ bool runCase(const Case& transfer, const Options& options, Recorder& recorder) {
     };
 
     std::vector<Contender> contenders;
-    contenders.push_back({{transfer.label + " | job", "ms", {}}, runJob});
+    contenders.push_back({{transfer.label + " | job", "ms", {}}, "", runJob});
     contenders.push_back({{transfer.label + " | " + transfer.toolName, "ms", {}},
+                          "ratio",
                           [&](double& ms) { return runArgv(transfer.bareArgv, false, ms); }});
     contenders.push_back(
         {{transfer.label + " | " + transfer.toolName + ", work file created first", "ms", {}},
+         "ratio to the work file created first",
          [&](double& ms) { return runArgv(transfer.bareArgv, true, ms); }});
     if (transfer.jobCommandLine) {
         contenders.push_back(
             {{transfer.label + " | job's wget command line, work file created first", "ms", {}},
+             "ratio to the job's command line",
              runSameLine});
     }
     // Untimed: the page cache holds the served file and the reactor thread runs.
@@ -149,10 +154,8 @@ bool runCase(const Case& transfer, const Options& options, Recorder& recorder) {
     for (Contender& contender : contenders) {
         recorder.series(contender.series);
     }
-    static const char* const RATIO_NAMES[] = {"", "ratio", "ratio to the work file created first",
-                                              "ratio to the job's command line"};
     for (std::size_t k = 1; k < count; ++k) {
-        Series ratio{transfer.label + " | " + RATIO_NAMES[k], "x", {}};
+        Series ratio{transfer.label + " | " + contenders[k].ratioName, "x", {}};
         for (std::size_t i = 0; i < job.size(); ++i) {
             ratio.values.push_back(job[i] / contenders[k].series.values[i]);
         }
