@@ -263,7 +263,10 @@ class ToolRecorder {
     ToolRecorder& operator=(const ToolRecorder&) = delete;
 
     void record(const std::string& tool, const std::vector<std::string>& realProgram = {}) {
-        std::vector<String> prefix{"/bin/sh", recorderScript().c_str(),
+        // The tools get the platform's environment, not ours: the log's name travels in the
+        // argument list.
+        std::vector<String> prefix{"/usr/bin/env", ("PROV_ARGV_LOG=" + log_).c_str(), "/bin/sh",
+                                   recorderScript().c_str(),
                                    std::to_string(realProgram.size()).c_str()};
         for (const std::string& word : realProgram) {
             prefix.push_back(word.c_str());
