@@ -24,10 +24,27 @@ ProvisioningJob::ProvisioningJob(KtEventLoop& loop, const String& jobName, Reloa
 }
 
 ProvisioningJob::~ProvisioningJob() {
-    // The client's destructor abandons a running wget; releasing the future abandons a running
-    // tftp. Either way no callback reaches this job any more.
+    // A job destroyed before it reported was cancelled: its child is ended and reaped, its work
+    // file removed and the subsystem shown idle again. No callback reaches it any more.
+    if (reportPending) {
+        abandonTransfer();
+        SET_SUBSYSTEM_STATUS(false);
+        return;
+    }
     httpClient.reset();
     tftpFuture.reset();
+}
+
+void ProvisioningJob::abandonTransfer() {
+    // The client's destructor ends and reaps a running wget.
+    httpClient.reset();
+    if (tftpFuture) {
+        tftpFuture->abandonAndReap();
+        tftpFuture.reset();
+    }
+    if (direction == Download) {
+        removeOutFile();
+    }
 }
 
 void ProvisioningJob::setAuthentication(const String& auth1, const String& auth2,
@@ -95,6 +112,7 @@ XCode ProvisioningJob::getFileForUpload() {
 XCode ProvisioningJob::execute() {
     XCode result = testExpression(true);
     setProvisioningSubsystemStatus(true);
+    reportPending = true;
     ProvLog::progress("[%s] Starting execution", name.c_str());
 
     DB::Ptr<DB::SystemProvisioningStatusRecord> status;
@@ -121,6 +139,10 @@ XCode ProvisioningJob::execute() {
     if (result.isSuccess()) {
         // The record always shows downloadLocation, for uploads too (their source name).
         result = (status->location = downloadLocation);
+        if (result.isErr()) {
+            // The transfer runs already: it ends here, so that it cannot report a second time.
+            abandonTransfer();
+        }
     }
     if (result.isSuccess()) {
         asyncPending = true;
@@ -143,6 +165,7 @@ XCode ProvisioningJob::startFirstTransfer(bool upload) {
 }
 
 void ProvisioningJob::onJobFinished(XCode result) {
+    reportPending = false;
     if (result.isErr()) {
         ProvLog::executionFailed(name, result);
     }
@@ -158,6 +181,7 @@ void ProvisioningJob::notifyAsyncJobFinished(XCode result) {
         return;
     }
     asyncPending = false;
+    reportPending = false;
     // Unlike onJobFinished: nothing is logged, and without a handler the subsystem stays busy.
     if (callbackHandler != nullptr) {
         callbackHandler->jobFinished(*this, result);

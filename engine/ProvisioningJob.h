@@ -165,6 +165,13 @@ class ProvisioningJob {
     std::unique_ptr<Kt::Future<String>> tftpFuture;
 
   private:
+    // Set by execute(), cleared when the handler is told: a job destroyed while it is set was
+    // cancelled and cleans up after itself.
+    bool reportPending = false;
+    // Ends the running transfer, if any, and waits until its child has been reaped; then removes
+    // the work file of a download. Nothing writes the work file after this returns.
+    void abandonTransfer();
+
     // The running tftp command's callbacks. The job holds them so that they die with it: a
     // destroyed job cancels deliveries still queued and is never called late.
     Kt::Shell::ResultCallback tftpResultCallback;

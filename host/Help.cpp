@@ -153,8 +153,11 @@ OUTPUT
 
 EXIT STATUS
     0   the job succeeded
-    1   the job failed (or was interrupted by SIGINT or SIGTERM)
+    1   the job failed
     2   usage error
+    128+N  interrupted by signal N (SIGINT, SIGTERM, SIGHUP, SIGQUIT, or SIGPIPE, 141, also
+        when standard output or standard error is a closed pipe): the job's child process
+        was ended and reaped, its work file and private files removed, the status set idle
 )PAGE";
 
 struct JobPage {

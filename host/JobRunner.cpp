@@ -126,8 +126,11 @@ JobOutcome RUN_JOB(const JobRequest& request, KtEventLoop& loop, const JobWatche
         }
     }
     if (!handler.finished) {
-        job.reset();  // cancels the job: its child process is terminated, nothing is reported
+        // Cancels the job: its child is ended and reaped, its work file removed, the subsystem
+        // shown idle; nothing is reported.
+        job.reset();
         handler.outcome.interrupted = true;
+        handler.outcome.stopSignal = STOP_SIGNAL();
         handler.outcome.result = XCode(XCode::GENERIC_FAILURE);
         handler.outcome.result.setStringF("INTERRUPTED BY SIGNAL %d", STOP_SIGNAL());
     }

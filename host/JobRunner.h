@@ -31,6 +31,7 @@ struct JobRequest {
 struct JobOutcome {
     XCode result;
     bool interrupted = false;
+    int stopSignal = 0;  // the signal that interrupted the job
     ProvisioningJob::ImageAction imageAction = ProvisioningJob::NoAction;
     bool activation = false;
     bool postUpgrade = false;

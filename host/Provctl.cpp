@@ -1,5 +1,6 @@
 #include "host/Provctl.h"
 
+#include <chrono>
 #include <cstdio>
 #include <memory>
 
@@ -23,6 +24,8 @@ namespace {
 constexpr int EXIT_OK = 0;
 constexpr int EXIT_FAILED = 1;
 constexpr int EXIT_USAGE = 2;
+// How long an interrupted run waits for the children of its job to be reaped.
+constexpr std::chrono::seconds WAIT_FOR_CHILDREN{15};
 
 String deviceDirectory(const Options& options) {
     return options.device.isEmpty() ? DEFAULT_DEVICE_DIRECTORY() : options.device;
@@ -136,7 +139,10 @@ int runJob(const Options& options) {
         KtEventLoop loop;
         outcome = RUN_JOB(request, loop, watcher);
     }
-    REMOVE_STOP_SIGNALS();
+    if (outcome.interrupted) {
+        // The cancelled job has reaped its own child; nothing else of ours may outlive us.
+        static_cast<void>(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, WAIT_FOR_CHILDREN));
+    }
 
     if (isUpgradeJob(request.kind) && !outcome.interrupted) {
         XCode applied = APPLY_TO_SLOTS(outcome, request.reloadType);
@@ -149,8 +155,14 @@ int runJob(const Options& options) {
 
     const String report = options.json ? DUMP_JSON(OUTCOME_TO_JSON(outcome)) + "\n"
                                        : OUTCOME_TO_TEXT(request.name, outcome);
+    // Still under the stop signals: a closed output pipe raises SIGPIPE, which is recorded.
     std::fwrite(report.data(), 1, static_cast<std::size_t>(report.length()), stdout);
     std::fflush(stdout);
+    const int signal = outcome.interrupted ? outcome.stopSignal : STOP_SIGNAL();
+    REMOVE_STOP_SIGNALS();
+    if (signal != 0) {
+        return EXIT_STATUS_FOR_SIGNAL(signal);
+    }
     return outcome.result.isSuccess() ? EXIT_OK : EXIT_FAILED;
 }
 

@@ -10,26 +10,39 @@ namespace {
 std::atomic<int> g_stopSignal{0};
 static_assert(std::atomic<int>::is_always_lock_free, "the signal handler needs a lock-free flag");
 
+// Every catchable signal that ends a command-line program by default and that its user or its
+// terminal sends. SIGPIPE is among them so that a closed output pipe does not end the process
+// before its child is reaped: the write fails with EPIPE and the job is cancelled like on SIGINT.
+constexpr int STOP_SIGNALS[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE};
+
 void onStopSignal(int signal) {
-    g_stopSignal.store(signal);
+    // The first signal decides the exit status.
+    int none = 0;
+    g_stopSignal.compare_exchange_strong(none, signal);
 }
 
 }  // namespace
 
 void INSTALL_STOP_SIGNALS() {
     g_stopSignal.store(0);
-    std::signal(SIGINT, onStopSignal);
-    std::signal(SIGTERM, onStopSignal);
+    for (int signal : STOP_SIGNALS) {
+        std::signal(signal, onStopSignal);
+    }
 }
 
 void REMOVE_STOP_SIGNALS() {
-    std::signal(SIGINT, SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
+    for (int signal : STOP_SIGNALS) {
+        std::signal(signal, SIG_DFL);
+    }
     g_stopSignal.store(0);
 }
 
 int STOP_SIGNAL() {
     return g_stopSignal.load();
+}
+
+int EXIT_STATUS_FOR_SIGNAL(int signal) {
+    return 128 + signal;
 }
 
 }  // namespace Provctl

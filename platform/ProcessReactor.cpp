@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 
 #include "ProcessSpawn.h"
@@ -18,19 +19,16 @@ namespace Kt::process {
 
 namespace {
 
-// How long an abandoned command has between SIGTERM and SIGKILL.
-constexpr std::chrono::milliseconds TERMINATION_GRACE{1000};
 // Exit polling interval for children without a pidfd.
 constexpr int REAP_POLL_MS = 50;
 constexpr std::size_t READ_SIZE = 64 * 1024;
 constexpr int READS_PER_WAKE = 4;
 
-void signalGroup(pid_t pid, int signal) {
-    // The child leads its own process group; what it started goes with it. The group id is
-    // still ours while the leader is not reaped.
-    if (::kill(-pid, signal) != 0) {
-        ::kill(pid, signal);
-    }
+// Milliseconds from `now` to `when` as a poll timeout (at least 1, at most INT_MAX).
+int millisecondsUntil(std::chrono::steady_clock::time_point when,
+                      std::chrono::steady_clock::time_point now) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(when - now).count();
+    return static_cast<int>(std::min<long long>(std::max<long long>(left, 0) + 1, INT_MAX));
 }
 
 }  // namespace
@@ -103,6 +101,20 @@ void Reactor::closeFd(int& fd) {
     }
 }
 
+void Reactor::endChild(Command& command, std::chrono::steady_clock::time_point now) {
+    if (command.reaped) {
+        return;
+    }
+    if (!command.terminating) {
+        SIGNAL_GROUP(command.pid, SIGTERM);
+        command.terminating = true;
+        command.killAt = now + TERMINATION_GRACE;
+    } else if (!command.killed && now >= command.killAt) {
+        SIGNAL_GROUP(command.pid, SIGKILL);
+        command.killed = true;
+    }
+}
+
 void Reactor::handleAbandonment(Command& command, std::chrono::steady_clock::time_point now) {
     if (!command.abandoned.load()) {
         return;
@@ -110,16 +122,21 @@ void Reactor::handleAbandonment(Command& command, std::chrono::steady_clock::tim
     // Nobody reads the output any more; a child writing on gets EPIPE.
     closeFd(command.outFd);
     closeFd(command.errFd);
-    if (command.reaped) {
+    endChild(command, now);
+}
+
+void Reactor::handleDeadline(Command& command, std::chrono::steady_clock::time_point now) {
+    if (!command.timedOut && !command.reaped && now >= command.deadlineAt) {
+        command.timedOut = true;
+    }
+    if (!command.timedOut) {
         return;
     }
-    if (!command.terminating) {
-        signalGroup(command.pid, SIGTERM);
-        command.terminating = true;
-        command.killAt = now + TERMINATION_GRACE;
-    } else if (!command.killed && now >= command.killAt) {
-        signalGroup(command.pid, SIGKILL);
-        command.killed = true;
+    endChild(command, now);
+    if (command.reaped) {
+        // Whatever escaped the group and still holds a pipe does not hold up the result.
+        closeFd(command.outFd);
+        closeFd(command.errFd);
     }
 }
 
@@ -167,12 +184,19 @@ void Reactor::tryReap(Command& command) {
     command.statusLost = reaped < 0;
     command.reaped = true;
     closeFd(command.pidFd);
+    {
+        std::lock_guard<std::mutex> guard(command.doneMutex);
+        command.ended = true;
+    }
     REAPED();
+    command.doneChanged.notify_all();
 }
 
 void Reactor::finish(Command& command) {
     XCode code;
-    if (command.statusLost) {
+    if (command.timedOut) {
+        code = DEADLINE_PASSED(command.program, command.deadline);
+    } else if (command.statusLost) {
         code = XCode::fromErrno(ECHILD);
         code.setStringF("%s ENDED WITH UNKNOWN STATUS", command.program.c_str());
     } else {
@@ -213,6 +237,7 @@ void Reactor::run() {
         fds.push_back({wakeFd_, POLLIN, 0});
         for (auto& command : active_) {
             handleAbandonment(*command, now);
+            handleDeadline(*command, now);
             if (!command->reaped && command->pidFd < 0) {
                 tryReap(*command);
             }
@@ -226,11 +251,9 @@ void Reactor::run() {
                 } else {
                     pollForExits = true;
                 }
-                if (command->terminating && !command->killed) {
-                    auto left =
-                        std::chrono::duration_cast<std::chrono::milliseconds>(command->killAt - now)
-                            .count();
-                    int wait = static_cast<int>(std::max<long long>(left, 0) + 1);
+                if (!command->terminating || !command->killed) {
+                    int wait = millisecondsUntil(
+                        command->terminating ? command->killAt : command->deadlineAt, now);
                     timeout = timeout < 0 ? wait : std::min(timeout, wait);
                 }
             }
@@ -300,6 +323,10 @@ void Reactor::run() {
 namespace Kt {
 
 RunningCommand::~RunningCommand() {
+    abandon();
+}
+
+void RunningCommand::abandon() {
     Shell::ResultCallback result;
     Shell::OutputCallback output;
     Shell::OutputCallback errorOutput;
@@ -319,6 +346,15 @@ RunningCommand::~RunningCommand() {
         process::Reactor::INSTANCE().wake();
     }
     // The callbacks go here, on the owner's thread, after the last call into them.
+}
+
+void RunningCommand::abandonAndReap() {
+    abandon();
+    std::unique_lock<std::mutex> lock(command_->doneMutex);
+    // SIGKILL follows SIGTERM after the grace period; a child that outlives both by this much
+    // is stuck in the kernel, and waiting longer would not help.
+    static_cast<void>(command_->doneChanged.wait_for(lock, process::TERMINATION_GRACE * 10,
+                                                     [this] { return command_->ended; }));
 }
 
 XCode RunningCommand::wait() const {

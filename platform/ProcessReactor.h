@@ -20,9 +20,12 @@ namespace Kt::process {
 
 // One started child as the reactor sees it.
 struct Command {
-    Command(String programName, pid_t childPid, int childPidFd, int stdoutFd, int stderrFd)
+    Command(String programName, pid_t childPid, int childPidFd, int stdoutFd, int stderrFd,
+            std::chrono::milliseconds runDeadline)
         : program(std::move(programName)),
           pid(childPid),
+          deadline(runDeadline),
+          deadlineAt(std::chrono::steady_clock::now() + runDeadline),
           pidFd(childPidFd),
           outFd(stdoutFd),
           errFd(stderrFd) {}
@@ -31,6 +34,8 @@ struct Command {
 
     const String program;  // the command's first word, as used in result messages
     const pid_t pid;
+    const std::chrono::milliseconds deadline;  // how long the command may run
+    const std::chrono::steady_clock::time_point deadlineAt;
 
     // Reactor thread only (after the command was handed over).
     int pidFd;  // -1 when the kernel has no pidfd: the reactor then polls for the exit
@@ -40,7 +45,8 @@ struct Command {
     int waitStatus = 0;
     bool statusLost = false;  // reaped by someone else (SIGCHLD ignored by the host)
     String collected;
-    bool terminating = false;  // SIGTERM sent after abandonment
+    bool timedOut = false;     // ran past its deadline: ended, and its result says so
+    bool terminating = false;  // SIGTERM sent after abandonment or the deadline
     bool killed = false;       // SIGKILL sent after the grace period
     std::chrono::steady_clock::time_point killAt;
 
@@ -56,6 +62,7 @@ struct Command {
     // Completion, for Future::wait and isFinished.
     std::mutex doneMutex;
     std::condition_variable doneChanged;
+    bool ended = false;      // the child has been reaped
     bool finished = false;   // ended: reaped and both pipes at their end
     bool delivered = false;  // and the result was handed to the result callback
     XCode outcome;
@@ -79,6 +86,8 @@ class Reactor {
     void run();
     void takeOverIncoming();
     void handleAbandonment(Command& command, std::chrono::steady_clock::time_point now);
+    void handleDeadline(Command& command, std::chrono::steady_clock::time_point now);
+    static void endChild(Command& command, std::chrono::steady_clock::time_point now);
     void readPipe(Command& command, bool errorStream);
     void tryReap(Command& command);
     static void closeFd(int& fd);
@@ -111,8 +120,13 @@ class RunningCommand {
 
     XCode wait() const;
     bool isFinished() const;
+    // Abandons the command as the destructor does and blocks until the reactor has reaped the
+    // child (SIGTERM, SIGKILL after the grace period). Not on the reactor thread.
+    void abandonAndReap();
 
   private:
+    void abandon();
+
     std::shared_ptr<process::Command> command_;
 };
 

@@ -7,13 +7,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <string>
-
-extern char** environ;
 
 namespace Kt::process {
 
@@ -126,7 +126,57 @@ class SpawnSetup {
     int attributesError_ = 0;
 };
 
+// Program names resolved so far. Never destroyed, like the running count.
+struct ProgramCache {
+    std::mutex mutex;
+    std::map<std::string, std::string> paths;
+};
+
+ProgramCache& PROGRAM_CACHE() {
+    static ProgramCache* cache = new ProgramCache();
+    return *cache;
+}
+
+// Looks in the absolute directories of TOOL_PATH only.
+int searchToolPath(const std::string& name, String& path) {
+    const std::string directories = TOOL_PATH;
+    int firstError = ENOENT;
+    int error = 0;
+    std::size_t start = 0;
+    while (start <= directories.size()) {
+        std::size_t end = directories.find(':', start);
+        if (end == std::string::npos) {
+            end = directories.size();
+        }
+        std::string directory = directories.substr(start, end - start);
+        start = end + 1;
+        if (directory.empty() || directory.front() != '/') {
+            continue;
+        }
+        std::string candidate = directory + "/" + name;
+        if (isExecutableFile(candidate, error)) {
+            path = String(candidate);
+            return 0;
+        }
+        // Like exec: a program found but not runnable is reported as such, not as missing.
+        if (error != ENOENT && error != ENOTDIR && firstError == ENOENT) {
+            firstError = error;
+        }
+    }
+    return firstError;
+}
+
+// The tools' whole environment. LC_ALL=C on purpose: the engine reads wget's and tar's messages.
+char* const* toolEnvironment() {
+    static const std::string pathEntry = std::string("PATH=") + TOOL_PATH;
+    static char* const environment[] = {const_cast<char*>(pathEntry.c_str()),
+                                        const_cast<char*>("LC_ALL=C"), nullptr};
+    return environment;
+}
+
 }  // namespace
+
+const char* const TOOL_PATH = "/usr/sbin:/usr/bin:/sbin:/bin";
 
 int FIND_PROGRAM(const String& name, String& path) {
     if (name.isEmpty()) {
@@ -140,29 +190,21 @@ int FIND_PROGRAM(const String& name, String& path) {
         path = name;
         return 0;
     }
-    const char* searchPath = ::getenv("PATH");
-    std::string directories = searchPath != nullptr ? searchPath : "/bin:/usr/bin";
-    int firstError = ENOENT;
-    std::size_t start = 0;
-    while (start <= directories.size()) {
-        std::size_t end = directories.find(':', start);
-        if (end == std::string::npos) {
-            end = directories.size();
-        }
-        std::string directory = directories.substr(start, end - start);
-        std::string candidate =
-            (directory.empty() ? std::string(".") : directory) + "/" + name.str();
-        if (isExecutableFile(candidate, error)) {
-            path = String(candidate);
+    ProgramCache& cache = PROGRAM_CACHE();
+    {
+        std::lock_guard<std::mutex> guard(cache.mutex);
+        auto found = cache.paths.find(name.str());
+        if (found != cache.paths.end()) {
+            path = String(found->second);
             return 0;
         }
-        // Like exec: a program found but not runnable is reported as such, not as missing.
-        if (error != ENOENT && error != ENOTDIR && firstError == ENOENT) {
-            firstError = error;
-        }
-        start = end + 1;
     }
-    return firstError;
+    error = searchToolPath(name.str(), path);
+    if (error == 0) {
+        std::lock_guard<std::mutex> guard(cache.mutex);
+        cache.paths.emplace(name.str(), path.str());
+    }
+    return error;
 }
 
 int SPAWN(const String& path, const std::vector<String>& argv, int outFd, int errFd, pid_t& pid) {
@@ -178,7 +220,7 @@ int SPAWN(const String& path, const std::vector<String>& argv, int outFd, int er
     }
     arguments.push_back(nullptr);
     error = ::posix_spawn(&pid, path.c_str(), setup.actions(), setup.attributes(), arguments.data(),
-                          environ);
+                          toolEnvironment());
     if (error == 0) {
         STARTED();
     }
@@ -210,6 +252,25 @@ bool WAIT_FOR_RUNNING(std::size_t count, std::chrono::milliseconds timeout) {
     RunningCount& running = RUNNING_COUNT();
     std::unique_lock<std::mutex> lock(running.mutex);
     return running.changed.wait_for(lock, timeout, [&] { return running.count <= count; });
+}
+
+void SIGNAL_GROUP(pid_t pid, int signal) {
+    // The child leads its own process group; what it started goes with it. The group id is
+    // still ours while the leader is not reaped.
+    if (::kill(-pid, signal) != 0) {
+        ::kill(pid, signal);
+    }
+}
+
+XCode DEADLINE_PASSED(const String& program, std::chrono::milliseconds deadline) {
+    const long long milliseconds = deadline.count();
+    const bool wholeSeconds = milliseconds % 1000 == 0;
+    const long long amount = wholeSeconds ? milliseconds / 1000 : milliseconds;
+    XCode code = XCode::family(XCode::DEADLINE_FAMILY,
+                               static_cast<XCodeValue>(std::min<long long>(amount, 0xFFFFFF)));
+    code.setStringF("%s DID NOT FINISH WITHIN %lld %s", program.c_str(), amount,
+                    wholeSeconds ? "SECONDS" : "MILLISECONDS");
+    return code;
 }
 
 XCode WAIT_STATUS_TO_XCODE(const String& program, int waitStatus) {

@@ -5,7 +5,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <poll.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <climits>
 #include <map>
 #include <mutex>
 
@@ -27,6 +33,8 @@ ToolMap& TOOLS() {
     static ToolMap* tools = new ToolMap();
     return *tools;
 }
+
+std::atomic<long long> g_deadlineMs{Shell::DEFAULT_COMMAND_DEADLINE.count()};
 
 XCode emptyCommandLine() {
     XCode code = XCode::fromErrno(EINVAL);
@@ -64,13 +72,93 @@ int openPidFd(pid_t pid) {
     return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
 }
 
-pid_t waitForChild(pid_t pid, int& status) {
+pid_t tryWait(pid_t pid, int& status) {
     pid_t reaped;
     do {
-        reaped = ::waitpid(pid, &status, 0);
+        reaped = ::waitpid(pid, &status, WNOHANG);
     } while (reaped < 0 && errno == EINTR);
     return reaped;
 }
+
+// A synchronous command from its start to its reaping: collects its output (when `outFd` is a
+// pipe) and ends it at its deadline like the reactor ends a background one.
+class SyncRun {
+  public:
+    SyncRun(pid_t pid, int outFd, String* output)
+        : pid_(pid), pidFd_(openPidFd(pid)), outFd_(outFd), output_(output) {}
+    ~SyncRun() {
+        for (int fd : {pidFd_, outFd_}) {
+            if (fd >= 0) {
+                ::close(fd);
+            }
+        }
+    }
+    SyncRun(const SyncRun&) = delete;
+    SyncRun& operator=(const SyncRun&) = delete;
+
+    // Until the child is reaped and its output at an end; false when waitpid failed.
+    bool run(std::chrono::milliseconds deadline, int& status, bool& timedOut) {
+        using Clock = std::chrono::steady_clock;
+        const Clock::time_point endAt = Clock::now() + deadline;
+        Clock::time_point killAt;
+        bool reaped = false;
+        bool ok = true;
+        bool killed = false;
+        timedOut = false;
+        while (true) {
+            if (!reaped) {
+                pid_t result = tryWait(pid_, status);
+                reaped = result != 0;
+                ok = result >= 0;
+            }
+            Clock::time_point now = Clock::now();
+            // Output still held open by something that left the group ends with the deadline.
+            if (reaped && (outFd_ < 0 || timedOut || now >= endAt)) {
+                return ok;
+            }
+            if (!reaped && !timedOut && now >= endAt) {
+                process::SIGNAL_GROUP(pid_, SIGTERM);
+                timedOut = true;
+                killAt = now + process::TERMINATION_GRACE;
+            } else if (!reaped && timedOut && !killed && now >= killAt) {
+                process::SIGNAL_GROUP(pid_, SIGKILL);
+                killed = true;
+            }
+            Clock::time_point until = !timedOut ? endAt : killed ? now + REAP_POLL : killAt;
+            waitForEvent(reaped, until, now);
+        }
+    }
+
+  private:
+    static constexpr std::chrono::milliseconds REAP_POLL{50};
+
+    void waitForEvent(bool reaped, std::chrono::steady_clock::time_point until,
+                      std::chrono::steady_clock::time_point now) {
+        long long left = std::chrono::duration_cast<std::chrono::milliseconds>(until - now).count();
+        // Without a pidfd the exit is looked for every REAP_POLL.
+        long long most = (pidFd_ >= 0 || reaped) ? INT_MAX : REAP_POLL.count();
+        int timeout = static_cast<int>(std::min(std::max(left, 0LL) + 1, most));
+        pollfd fds[2] = {{reaped ? -1 : pidFd_, POLLIN, 0}, {outFd_, POLLIN, 0}};
+        if (::poll(fds, 2, timeout) > 0 && fds[1].revents != 0) {
+            readOutput();
+        }
+    }
+    void readOutput() {
+        char buffer[16 * 1024];
+        ssize_t count = ::read(outFd_, buffer, sizeof buffer);
+        if (count > 0) {
+            output_->append(buffer, static_cast<std::size_t>(count));
+        } else if (count == 0 || errno != EINTR) {
+            ::close(outFd_);
+            outFd_ = -1;
+        }
+    }
+
+    pid_t pid_;
+    int pidFd_;
+    int outFd_;
+    String* output_;
+};
 
 }  // namespace
 
@@ -86,6 +174,23 @@ XCode Future<String>::wait() const {
 template <>
 bool Future<String>::isFinished() const {
     return !command_ || command_->isFinished();
+}
+
+template <>
+void Future<String>::abandonAndReap() {
+    if (command_) {
+        command_->abandonAndReap();
+        command_.reset();
+    }
+}
+
+void Shell::SET_COMMAND_DEADLINE(std::chrono::milliseconds deadline) {
+    constexpr long long MOST = 30LL * 24 * 60 * 60 * 1000;
+    g_deadlineMs.store(std::min<long long>(std::max<long long>(deadline.count(), 1), MOST));
+}
+
+std::chrono::milliseconds Shell::COMMAND_DEADLINE() {
+    return std::chrono::milliseconds(g_deadlineMs.load());
 }
 
 std::vector<String> Shell::SPLIT_WORDS(const String& commandLine) {
@@ -186,8 +291,8 @@ XCode Shell::invoke(const String& commandLine, ResultCallback result, OutputCall
     ::fcntl(outPipe[0], F_SETFL, O_NONBLOCK);
     ::fcntl(errPipe[0], F_SETFL, O_NONBLOCK);
 
-    auto command =
-        std::make_shared<process::Command>(program, pid, openPidFd(pid), outPipe[0], errPipe[0]);
+    auto command = std::make_shared<process::Command>(program, pid, openPidFd(pid), outPipe[0],
+                                                      errPipe[0], COMMAND_DEADLINE());
     command->result = std::move(result);
     command->output = std::move(output);
     command->errorOutput = std::move(errorOutput);
@@ -221,21 +326,16 @@ XCode Shell::execute(const String& commandLine, String* output) {
     }
     if (output != nullptr) {
         *output = String();
-        char buffer[16 * 1024];
-        while (true) {
-            ssize_t count = ::read(outPipe[0], buffer, sizeof buffer);
-            if (count > 0) {
-                output->append(buffer, static_cast<std::size_t>(count));
-            } else if (count == 0 || errno != EINTR) {
-                break;
-            }
-        }
-        closeBoth(outPipe);
     }
     int status = 0;
-    pid_t reaped = waitForChild(pid, status);
+    bool timedOut = false;
+    // The run owns the read end from here.
+    bool reaped = SyncRun(pid, outPipe[0], output).run(COMMAND_DEADLINE(), status, timedOut);
     process::REAPED();
-    if (reaped < 0) {
+    if (timedOut) {
+        return process::DEADLINE_PASSED(program, COMMAND_DEADLINE());
+    }
+    if (!reaped) {
         code = XCode::fromErrno(errno);
         return code.setStringF("%s ENDED WITH UNKNOWN STATUS", program.c_str());
     }

@@ -25,6 +25,10 @@ class Future {
     bool isValid() const { return command_ != nullptr; }
     // Releases this handle (abandoning the command if it was the last).
     void reset() { command_.reset(); }
+    // Abandons the command whatever other handles exist, blocks until its child has been reaped,
+    // and releases this handle. Nothing of the command runs or writes after this returns. Not
+    // from a direct-kind callback of a command (they run on the shell's thread).
+    void abandonAndReap();
     // Blocks until the command has ended and its result has been delivered or abandoned. Must not
     // be called on the loop that receives the command's callbacks.
     [[nodiscard]] XCode wait() const;
@@ -42,10 +46,15 @@ template <>
 [[nodiscard]] XCode Future<String>::wait() const;
 template <>
 bool Future<String>::isFinished() const;
+template <>
+void Future<String>::abandonAndReap();
 
 // Runs programs without a shell: the command line is split into words (blanks and tabs separate,
 // double quotes group and are removed, nothing else is special) and the first word is executed
-// directly. Program names without a slash are looked up on PATH after the tool map below.
+// directly. Program names without a slash are looked up, after the tool map below, in the system
+// directories only (the caller's PATH is never searched), once per name. Every tool runs with a
+// fixed environment of the platform's (PATH of the system directories, LC_ALL=C), none of the
+// caller's, and every command has a deadline (SET_COMMAND_DEADLINE).
 class Shell {
   public:
     using ResultCallback = Function<void(XCode, String)>;
@@ -54,7 +63,9 @@ class Shell {
     // Starts the command in the background and returns at once. Output of standard output and
     // standard error is delivered piece by piece while the command runs; `result` is called
     // once, after the command ended, with success for exit status 0, the exit status (family
-    // 0x12) or the signal (family 0x13) otherwise, and all output. A command that cannot be
+    // 0x12) or the signal (family 0x13) otherwise, or the deadline family (0x15, "<program> DID
+    // NOT FINISH WITHIN <n> SECONDS") when it ran past the deadline and was ended, and all
+    // output. A command that cannot be
     // started returns an error and calls nothing.
     // Callbacks are called from the shell's own thread, in the order the output was read and the
     // result last; async ones therefore arrive on their loop in that order. Direct and sync ones
@@ -62,11 +73,21 @@ class Shell {
     [[nodiscard]] static XCode invoke(const String& commandLine, ResultCallback result,
                                       OutputCallback output, OutputCallback errorOutput,
                                       Future<String>& future);
-    // Runs the command to its end on the calling thread. `output`, when given, is set to both
-    // streams as the command wrote them; without it they go to /dev/null.
+    // Runs the command to its end (or its deadline, as above) on the calling thread. `output`,
+    // when given, is set to both streams as the command wrote them; without it they go to
+    // /dev/null.
     [[nodiscard]] static XCode execute(const String& commandLine, String* output = nullptr);
 
     static std::vector<String> SPLIT_WORDS(const String& commandLine);
+
+    // How long a command may run, from its start to its end: a child still running then is
+    // ended (SIGTERM to its process group, SIGKILL after a grace period) and reaped, and its
+    // result is the deadline failure. Applies to commands started afterwards. Thread-safe.
+    // The default, DEFAULT_COMMAND_DEADLINE, lets a 256 MiB image arrive over a link of about
+    // 300 kbit/s; a deadline is clamped to [1 ms, 30 days].
+    static void SET_COMMAND_DEADLINE(std::chrono::milliseconds deadline);
+    static std::chrono::milliseconds COMMAND_DEADLINE();
+    static constexpr std::chrono::milliseconds DEFAULT_COMMAND_DEADLINE{2 * 60 * 60 * 1000};
 
     // Program names that the device knows under another name on this host: "tftp" runs the
     // BusyBox applet, for instance. Set by the host; thread-safe. An empty prefix makes the name

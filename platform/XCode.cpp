@@ -78,6 +78,8 @@ String describeValue(XCodeValue value) {
             return String::format("KILLED BY SIGNAL %d", detail);
         case XCode::HTTP_FAMILY:
             return String::format("HTTP STATUS %d", detail);
+        case XCode::DEADLINE_FAMILY:
+            return String::format("DID NOT FINISH WITHIN %d", detail);
         default:
             return "ERROR";
     }

@@ -14,6 +14,8 @@ using XCodeValue = std::uint32_t;
 //   0x12 + status       a command ran and exited with a non-zero status
 //   0x13 + signal       a command ended abnormally, killed by a signal
 //   0x14 + status       an HTTP response with that status
+//   0x15 + amount       a command ran past its deadline and was ended (seconds, or
+//                       milliseconds when the message says so)
 //   0x7FFFFFFF          the generic failure; the message says what failed
 // A code without message is the bare value; a message moves value and message into a record that
 // the code owns. Copies are deep.
@@ -25,6 +27,7 @@ class XCode {
     static constexpr XCodeValue EXIT_STATUS_FAMILY = 0x12;
     static constexpr XCodeValue SIGNAL_FAMILY = 0x13;
     static constexpr XCodeValue HTTP_FAMILY = 0x14;
+    static constexpr XCodeValue DEADLINE_FAMILY = 0x15;
 
     XCode() = default;
     XCode(XCodeValue value) : value_(value & GENERIC_FAILURE) {}  // NOLINT: codes are values

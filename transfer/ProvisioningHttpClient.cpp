@@ -82,8 +82,9 @@ ProvisioningHttpClient::ProvisioningHttpClient(const String& clientName, const S
       hwRevision(hwRevision) {}
 
 ProvisioningHttpClient::~ProvisioningHttpClient() {
-    // Releasing the future abandons a running wget: its callbacks never run.
-    future.reset();
+    // A running wget is ended and reaped before the client goes: its callbacks never run, and
+    // nothing writes the output file any more.
+    future.abandonAndReap();
     completion = Kt::Function<void(XCode)>();
 }
 

@@ -22,12 +22,16 @@
 #include "support/Process.h"
 
 // Readable values in the failure messages of the tests that use these helpers.
+// Shared by the support headers; whichever comes first defines them.
+#ifndef PROV_TEST_PRINT_TO
+#define PROV_TEST_PRINT_TO
 inline void PrintTo(const String& text, std::ostream* out) {
     *out << '"' << text.c_str() << '"';
 }
 inline void PrintTo(const XCode& code, std::ostream* out) {
     *out << code.toString().c_str();
 }
+#endif
 
 namespace provtest {
 

@@ -42,12 +42,16 @@
 #include "support/TempDir.h"
 
 // Readable values in failure messages.
+// Shared by the support headers; whichever comes first defines them.
+#ifndef PROV_TEST_PRINT_TO
+#define PROV_TEST_PRINT_TO
 inline void PrintTo(const String& text, std::ostream* out) {
     *out << '"' << text.c_str() << '"';
 }
 inline void PrintTo(const XCode& code, std::ostream* out) {
     *out << code.toString().c_str();
 }
+#endif
 
 namespace provtest::hardening {
 
@@ -263,7 +267,10 @@ class ToolRecorder {
     ToolRecorder& operator=(const ToolRecorder&) = delete;
 
     void record(const std::string& tool, const std::vector<std::string>& realProgram = {}) {
-        std::vector<String> prefix{"/bin/sh", recorderScript().c_str(),
+        // The tools get the platform's environment, not ours: the log's name travels in the
+        // argument list.
+        std::vector<String> prefix{"/usr/bin/env", ("PROV_ARGV_LOG=" + log_).c_str(), "/bin/sh",
+                                   recorderScript().c_str(),
                                    std::to_string(realProgram.size()).c_str()};
         for (const std::string& word : realProgram) {
             prefix.push_back(word.c_str());

@@ -718,7 +718,7 @@ TEST_F(ProvctlTest, terminationSignalStopsTheRunningTransfer) {
         rest += line + "\n";
     }
     ASSERT_TRUE(process.waitExit(provtest::DEFAULT_DEADLINE));
-    EXPECT_EQ(process.exitStatus(), 1);
+    EXPECT_EQ(process.exitStatus(), 128 + SIGTERM);
     EXPECT_EQ(lastLine(rest), "result: INTERRUPTED BY SIGNAL 15 (0x7FFFFFFF)") << rest;
     // Nothing of the job's process group is left behind: the tftp child was terminated.
     EXPECT_EQ(::kill(-process.pid(), 0), -1);
