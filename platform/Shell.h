@@ -46,6 +46,10 @@ bool Future<String>::isFinished() const;
 // Runs programs without a shell: the command line is split into words (blanks and tabs separate,
 // double quotes group and are removed, nothing else is special) and the first word is executed
 // directly. Program names without a slash are looked up on PATH after the tool map below.
+// Arguments that are device paths of flash or of the work directory (a whole word, or the value
+// of a "--name=value" word) are mapped to their host paths (Device::MAP_PATH_CHECKED) just before
+// the program starts, except the value of tftp's "-r" (a name on the server); a path that the
+// mapping refuses (an unsafe work directory, a ".." out of flash) means the command cannot start.
 class Shell {
   public:
     using ResultCallback = Function<void(XCode, String)>;
