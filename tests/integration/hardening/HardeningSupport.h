@@ -170,7 +170,7 @@ class DeviceTest : public ::testing::Test {
         return name;
     }
     static std::string workFileOf(const std::string& name) {
-        return Device::MAP_PATH("/tmp/provisioning/").str() + name.substr(name.rfind('/') + 1);
+        return Device::MAP_PATH("/tmp/provisioning").str() + "/" + name.substr(name.rfind('/') + 1);
     }
 
     ::testing::AssertionResult runToEnd(std::chrono::milliseconds timeout = 60s) {

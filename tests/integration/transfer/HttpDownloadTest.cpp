@@ -66,7 +66,7 @@ class HttpDownloadTest : public ::testing::Test {
     // A remote path "/<dir><unique><suffix>" whose work file is removed after the test.
     std::string remote(const std::string& suffix, const std::string& dir = "") {
         std::string file = unique.str() + suffix;
-        workFiles.push_back(Device::MAP_PATH("/tmp/provisioning/").str() + file);
+        workFiles.push_back(Device::MAP_PATH("/tmp/provisioning").str() + "/" + file);
         return "/" + dir + file;
     }
     // The work file's device path, as the job logs it.
@@ -847,7 +847,8 @@ TEST_F(HttpDownloadTest, shellCharactersInALocationRunNoCommand) {
     EXPECT_FALSE(provtest::fileExists(marker));
     ::unlink(marker.c_str());
     for (const char* leftover : {"-owned`", "-owned", "-owned)"}) {
-        ::unlink((Device::MAP_PATH("/tmp/provisioning/").str() + unique.str() + leftover).c_str());
+        ::unlink(
+            (Device::MAP_PATH("/tmp/provisioning").str() + "/" + unique.str() + leftover).c_str());
     }
 }
 
@@ -878,7 +879,8 @@ TEST_F(HttpDownloadTest, shellCharactersInARedirectTargetRunNoCommand) {
     EXPECT_FALSE(provtest::fileExists(marker));
     ::unlink(marker.c_str());
     for (const char* leftover : {"-owned`", "-owned", "-owned)", "-x", "\" "}) {
-        ::unlink((Device::MAP_PATH("/tmp/provisioning/").str() + unique.str() + leftover).c_str());
+        ::unlink(
+            (Device::MAP_PATH("/tmp/provisioning").str() + "/" + unique.str() + leftover).c_str());
     }
 }
 

@@ -55,8 +55,8 @@ class UpdateControllerTest : public ::testing::Test {
         Device::SET_ROOT(device.path().c_str());
         ASSERT_TRUE(Device::PREPARE().isSuccess());
         // A host path in the device's work directory: the controller uses it as it is.
-        archive =
-            Device::MAP_PATH("/tmp/provisioning/").str() + provtest::uniqueName("ctl") + ".tar";
+        archive = Device::MAP_PATH("/tmp/provisioning").str() + "/" + provtest::uniqueName("ctl") +
+                  ".tar";
     }
     void TearDown() override {
         UpdateController::CANCEL(&handler);
@@ -246,7 +246,7 @@ TEST_F(UpdateControllerTest, memberClimbingOutIsRefusedAndNothingLandsOutside) {
     EXPECT_EQ(end.result.getString(),
               String(("UNSAFE MEMBER IN ARCHIVE: sub/../" + escaped).c_str()));
     EXPECT_FALSE(provtest::fileExists(device.file("slots/2")));
-    EXPECT_FALSE(provtest::fileExists(Device::MAP_PATH("/tmp/provisioning/").str() + escaped));
+    EXPECT_FALSE(provtest::fileExists(Device::MAP_PATH("/tmp/provisioning").str() + "/" + escaped));
     EXPECT_FALSE(provtest::fileExists("/tmp/" + escaped));
 }
 
