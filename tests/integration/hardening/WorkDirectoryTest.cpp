@@ -201,15 +201,19 @@ TEST_F(WorkDirectoryTest, freshDeviceHasAPrivateWorkDirectoryAndPrivateWorkFiles
 
 TEST_F(WorkDirectoryTest, storedKeyKeepsItsModeWhenADownloadReplacesIt) {
     const std::string key = device.file("flash/preferences/key");
-    ASSERT_EQ(::chmod(key.c_str(), 0600), 0);
-    const std::string name = remote(".key");
-    http.put("/" + name, "replaced key\n");
     ASSERT_TRUE(http.start());
-    runKeyJob(http.url("/" + name).c_str());
-    ASSERT_TRUE(runToEnd());
-    EXPECT_TRUE(told().isSuccess()) << told().toString().c_str() << "\n" << prov.dump();
-    EXPECT_EQ(readFile(key), "replaced key\n");
-    EXPECT_EQ(modeOf(key), 0600U);
+    for (unsigned int mode : {0600U, 0640U}) {
+        SCOPED_TRACE(mode);
+        ASSERT_EQ(::chmod(key.c_str(), mode), 0);
+        const std::string name = remote("-" + std::to_string(mode) + ".key");
+        http.put("/" + name, "replaced key " + std::to_string(mode) + "\n");
+        handler.results.clear();
+        runKeyJob(http.url("/" + name).c_str());
+        ASSERT_TRUE(runToEnd());
+        EXPECT_TRUE(told().isSuccess()) << told().toString().c_str() << "\n" << prov.dump();
+        EXPECT_EQ(readFile(key), "replaced key " + std::to_string(mode) + "\n");
+        EXPECT_EQ(modeOf(key), mode);
+    }
 }
 
 TEST_F(WorkDirectoryTest, storedDialplanKeepsItsModeWhenADownloadReplacesIt) {
