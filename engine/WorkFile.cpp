@@ -1,11 +1,13 @@
 #include "engine/Monitors.h"
 #include "engine/ProvisioningJob.h"
+#include "platform/Device.h"
 #include "platform/KtFile.h"
 
 namespace {
 constexpr const char* WORK_DIRECTORY = "/tmp/provisioning/";
 constexpr int OPEN_WRITE_CREATE = 65;  // O_WRONLY | O_CREAT: the transfer replaces the content
-constexpr unsigned int MODE_0644 = 420;
+// Only the job reads its work file: a key or a configuration may hold secrets.
+constexpr unsigned int WORK_FILE_MODE = 0600;
 }  // namespace
 
 XCode ProvisioningJob::createOutFile(const String& locationPath) {
@@ -21,8 +23,11 @@ XCode ProvisioningJob::createOutFile(const String& locationPath) {
         result = testExpression(false).setString("INVALID LOCATION: Cannot download folder");
     } else {
         outFile += fileName;
+        result = Device::CHECK_WORK_DIRECTORY();
+    }
+    if (result.isSuccess()) {
         KtFile file(outFile, true, false);
-        result = file.open(OPEN_WRITE_CREATE, MODE_0644, KtFile::XO_CLOSE_ON_EXEC);
+        result = file.open(OPEN_WRITE_CREATE, WORK_FILE_MODE, KtFile::XO_CLOSE_ON_EXEC);
         if (result.isErr()) {
             result.setStringF("FAILED TO CREATE FILE: %s", outFile.c_str());
         }

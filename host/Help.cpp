@@ -41,7 +41,8 @@ COMMANDS
 DEVICE DIRECTORY
     --device DIR, default $XDG_STATE_HOME/provctl/device (or ~/.local/state/provctl/device),
     created when missing. It holds device.toml (device values, credentials, HTTPS settings),
-    flash/, config/, running-config, slots/ and status/. See docs/PROVCTL.md.
+    flash/, config/, running-config, slots/, status/ and the work directory tmp/provisioning/.
+    See docs/PROVCTL.md.
 
 EXIT STATUS
     0   the command succeeded

@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "platform/Device.h"
+
 namespace Provctl {
 
 namespace {
@@ -113,7 +115,8 @@ String DownloadProgress::poll(const String& workFile, Clock::time_point now) {
         return String();
     }
     std::error_code error;
-    const std::uintmax_t found = std::filesystem::file_size(workFile.str(), error);
+    const std::uintmax_t found =
+        std::filesystem::file_size(Device::MAP_PATH(workFile).str(), error);
     const long long size = error ? 0 : static_cast<long long>(found);
     // A shorter file is a new attempt (wget truncates it): the rate starts again.
     if (!sampled_ || size < lastSize_) {

@@ -15,6 +15,7 @@ namespace Device {
 namespace {
 
 const String FLASH = "/flash";
+const String WORK = "/tmp/provisioning";
 
 std::mutex& rootMutex() {
     static std::mutex mutex;
@@ -27,16 +28,27 @@ std::list<String>& roots() {
     return history;
 }
 
-bool isFlashPath(const String& devicePath) {
-    return devicePath == FLASH || devicePath.startsWith(FLASH + "/");
+bool isBelow(const String& devicePath, const String& directory) {
+    return devicePath == directory || devicePath.startsWith(directory + "/");
 }
 
-// <root>/flash plus the normalised rest of a flash path; `left` tells whether a ".." climbed
-// above flash on the way (it is then dropped).
-String mapFlashPath(const String& devicePath, bool& left) {
+// The mapped device directory that holds `devicePath`, or null for a path used as it is.
+const String* mappedDirectoryOf(const String& devicePath) {
+    if (isBelow(devicePath, FLASH)) {
+        return &FLASH;
+    }
+    if (isBelow(devicePath, WORK)) {
+        return &WORK;
+    }
+    return nullptr;
+}
+
+// <root><directory> plus the normalised rest of the path; `left` tells whether a ".." climbed
+// above the directory on the way (it is then dropped).
+String mapBelow(const String& directory, const String& devicePath, bool& left) {
     left = false;
     std::vector<String> kept;
-    for (const String& segment : devicePath.substring(FLASH.length()).split('/')) {
+    for (const String& segment : devicePath.substring(directory.length()).split('/')) {
         if (segment.isEmpty() || segment == ".") {
             continue;
         }
@@ -50,7 +62,7 @@ String mapFlashPath(const String& devicePath, bool& left) {
         }
         kept.push_back(segment);
     }
-    String hostPath = ROOT() + FLASH;
+    String hostPath = ROOT() + directory;
     for (const String& segment : kept) {
         hostPath += "/";
         hostPath += segment;
@@ -65,6 +77,25 @@ XCode errnoError(int error, const char* what, const String& path) {
     XCode code = XCode::fromErrno(error);
     code.setStringF("%s %s: %s", what, path.c_str(), std::strerror(error));
     return code;
+}
+
+// <root>/tmp/provisioning, created 0700 when missing. An existing one keeps its mode and owner:
+// CHECK_WORK_DIRECTORY judges it before every use.
+XCode makeWorkDirectory() {
+    const String hostPath = MAP_PATH(WORK);
+    XCode result = MAKE_DIRECTORIES(ROOT() + "/tmp");
+    if (result.isErr()) {
+        return result;
+    }
+    if (::mkdir(hostPath.c_str(), 0700) == 0) {
+        // Exactly 0700, whatever the process's umask.
+        if (::chmod(hostPath.c_str(), 0700) != 0) {
+            return errnoError(errno, "CANNOT CREATE DIRECTORY", hostPath);
+        }
+    } else if (errno != EEXIST) {
+        return errnoError(errno, "CANNOT CREATE DIRECTORY", hostPath);
+    }
+    return XCode::SUCCESS;
 }
 
 }  // namespace
@@ -90,25 +121,93 @@ const String& ROOT() {
 }
 
 String MAP_PATH(const String& devicePath) {
-    if (!isFlashPath(devicePath)) {
+    const String* directory = mappedDirectoryOf(devicePath);
+    if (directory == nullptr) {
         return devicePath;
     }
     bool left = false;
-    return mapFlashPath(devicePath, left);
+    return mapBelow(*directory, devicePath, left);
 }
 
 XCode MAP_PATH_CHECKED(const String& devicePath, String& hostPath) {
-    if (!isFlashPath(devicePath)) {
+    const String* directory = mappedDirectoryOf(devicePath);
+    if (directory == nullptr) {
         hostPath = devicePath;
         return XCode::SUCCESS;
     }
     bool left = false;
-    String mapped = mapFlashPath(devicePath, left);
+    String mapped = mapBelow(*directory, devicePath, left);
     if (left) {
         XCode refused(XCode::GENERIC_FAILURE);
-        return refused.setStringF("PATH LEAVES FLASH: %s", devicePath.c_str());
+        return refused.setStringF(
+            directory == &FLASH ? "PATH LEAVES FLASH: %s" : "PATH LEAVES THE WORK DIRECTORY: %s",
+            devicePath.c_str());
+    }
+    if (directory == &WORK) {
+        XCode safe = CHECK_WORK_DIRECTORY();
+        if (safe.isErr()) {
+            return safe;
+        }
     }
     hostPath = mapped;
+    return XCode::SUCCESS;
+}
+
+bool IS_MAPPED_PATH(const String& devicePath) {
+    return mappedDirectoryOf(devicePath) != nullptr;
+}
+
+XCode REFUSE_FLASH_LINKS(const String& devicePath, const char* what) {
+    if (!isBelow(devicePath, FLASH)) {
+        return XCode::SUCCESS;
+    }
+    const String top = ROOT() + FLASH;
+    String path = top;
+    std::vector<String> below = MAP_PATH(devicePath).substring(top.length()).split('/');
+    for (std::size_t next = 0; true; ++next) {
+        struct stat status {};
+        if (::lstat(path.c_str(), &status) != 0) {
+            // What does not exist holds no link; the caller's own open reports it.
+            return XCode::SUCCESS;
+        }
+        if (S_ISLNK(status.st_mode)) {
+            XCode refused = XCode::fromErrno(ELOOP);
+            return refused.setStringF("%s %s: symbolic link", what, devicePath.c_str());
+        }
+        while (next < below.size() && below[next].isEmpty()) {
+            ++next;
+        }
+        if (next >= below.size()) {
+            return XCode::SUCCESS;
+        }
+        path += "/";
+        path += below[next];
+    }
+}
+
+XCode CHECK_WORK_DIRECTORY() {
+    const String hostPath = MAP_PATH(WORK);
+    struct stat status {};
+    if (::lstat(hostPath.c_str(), &status) != 0) {
+        return errnoError(errno, "UNSAFE WORK DIRECTORY", hostPath);
+    }
+    XCode refused(XCode::GENERIC_FAILURE);
+    if (S_ISLNK(status.st_mode)) {
+        return refused.setStringF("UNSAFE WORK DIRECTORY %s: symbolic link", hostPath.c_str());
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        return refused.setStringF("UNSAFE WORK DIRECTORY %s: not a directory", hostPath.c_str());
+    }
+    if (status.st_uid != ::geteuid()) {
+        return refused.setStringF("UNSAFE WORK DIRECTORY %s: owned by uid %u, not %u",
+                                  hostPath.c_str(), static_cast<unsigned int>(status.st_uid),
+                                  static_cast<unsigned int>(::geteuid()));
+    }
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        return refused.setStringF(
+            "UNSAFE WORK DIRECTORY %s: mode %04o, writable by group or others", hostPath.c_str(),
+            static_cast<unsigned int>(status.st_mode & 07777));
+    }
     return XCode::SUCCESS;
 }
 
@@ -164,7 +263,7 @@ XCode PREPARE() {
             return result;
         }
     }
-    return MAKE_DIRECTORIES("/tmp/provisioning");
+    return makeWorkDirectory();
 }
 
 }  // namespace Device

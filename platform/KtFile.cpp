@@ -45,7 +45,8 @@ void syncDirectoryOf(const String& systemPath) {
 
 }  // namespace
 
-KtFile::KtFile(const String& path, bool mapped, bool /*unused*/) : path_(path), systemPath_(path) {
+KtFile::KtFile(const String& path, bool mapped, bool /*unused*/)
+    : path_(path), systemPath_(path), mapped_(mapped) {
     if (mapped) {
         pathError_ = Device::MAP_PATH_CHECKED(path, systemPath_);
         if (pathError_.isErr()) {
@@ -86,6 +87,10 @@ XCode KtFile::open(int flags, unsigned int mode, XOFlag /*xoFlag: close-on-exec 
     writeFailed_ = false;
     const bool writes = (flags & O_ACCMODE) != O_RDONLY;
     const bool atomic = writes && (flags & O_TRUNC) != 0 && (flags & O_EXCL) == 0;
+    XCode noLinks = refuseLinks(atomic ? "CANNOT REPLACE" : "CANNOT OPEN");
+    if (noLinks.isErr()) {
+        return noLinks;
+    }
     if (!atomic) {
         int fd = ::open(systemPath_.c_str(), flags | O_CLOEXEC, static_cast<mode_t>(mode));
         if (fd < 0) {
@@ -97,7 +102,8 @@ XCode KtFile::open(int flags, unsigned int mode, XOFlag /*xoFlag: close-on-exec 
 
     // The checks that the truncating open itself would have made on the target.
     struct stat status {};
-    if (::stat(systemPath_.c_str(), &status) == 0) {
+    const bool exists = ::stat(systemPath_.c_str(), &status) == 0;
+    if (exists) {
         if (S_ISDIR(status.st_mode)) {
             return systemError(EISDIR, "CANNOT OPEN");
         }
@@ -111,13 +117,35 @@ XCode KtFile::open(int flags, unsigned int mode, XOFlag /*xoFlag: close-on-exec 
         if (fd >= 0) {
             fd_ = fd;
             temporaryPath_ = candidate;
-            return XCode::SUCCESS;
+            return exists ? keepAttributes(status) : XCode::SUCCESS;
         }
         if (errno != EEXIST) {
             return systemError(errno, "CANNOT OPEN");
         }
     }
     return systemError(EEXIST, "CANNOT OPEN");
+}
+
+XCode KtFile::refuseLinks(const char* what) const {
+    return mapped_ ? Device::REFUSE_FLASH_LINKS(path_, what) : XCode(XCode::SUCCESS);
+}
+
+XCode KtFile::keepAttributes(const struct stat& replaced) {
+    // As a truncating write would: the owner and group where the writer may give them (root), and
+    // the permission bits always, so a key stored 0600 stays 0600. The owner goes first: a change
+    // of owner clears set-id bits.
+    if (replaced.st_uid != ::geteuid() || replaced.st_gid != ::getegid()) {
+        // A writer that may not give files away keeps them as its own; the mode still holds.
+        (void)::fchown(fd_, replaced.st_uid, replaced.st_gid);
+    }
+    if (::fchmod(fd_, replaced.st_mode & 07777) != 0) {
+        XCode failed = systemError(errno, "CANNOT OPEN");
+        (void)::close(fd_);
+        fd_ = -1;
+        abandonTemporary();
+        return failed;
+    }
+    return XCode::SUCCESS;
 }
 
 XCode KtFile::read(String& content, bool& eof, bool all) {
@@ -209,6 +237,10 @@ XCode KtFile::close() {
 XCode KtFile::remove() {
     if (pathError_.isErr()) {
         return pathError_;
+    }
+    XCode noLinks = refuseLinks("CANNOT REMOVE");
+    if (noLinks.isErr()) {
+        return noLinks;
     }
     if (::unlink(systemPath_.c_str()) != 0) {
         return systemError(errno, "CANNOT REMOVE");

@@ -5,11 +5,16 @@
 #include "String.h"
 #include "XCode.h"
 
+struct stat;
+
 // A file of the device. Device paths under "/flash/" are mapped into the device directory
 // (see Device.h); every other path is used as it is. A mapped flash path that climbs out of
 // flash with ".." is refused by open() and remove() ("PATH LEAVES FLASH: <path>").
 // Errors carry the errno as XCode::fromErrno and a message that names the device path,
-// "CANNOT OPEN /flash/x: Permission denied". One object is used by one thread at a time.
+// "CANNOT OPEN /flash/x: Permission denied". A symbolic link in flash (at the path or at a
+// directory on the way) is never read, replaced or removed through: "CANNOT OPEN /flash/x:
+// symbolic link", "CANNOT REPLACE ...", "CANNOT REMOVE ..." (Device::REFUSE_FLASH_LINKS).
+// One object is used by one thread at a time.
 class KtFile {
   public:
     enum XOFlag { XO_NONE = 0, XO_CLOSE_ON_EXEC = 1 };
@@ -23,9 +28,10 @@ class KtFile {
 
     // flags are Linux open(2) flags (0 read only, 65 write+create, 577 write+create+truncate).
     // A write with O_TRUNC goes to a temporary beside the target that close() renames over it,
-    // so a reader never sees a torn file and a failed write leaves the old file intact. The
-    // temporary is created with `mode` (less the umask) and, as any truncating write, ends up
-    // with that mode also when it replaces an older file. The descriptor is always close-on-exec
+    // so a reader never sees a torn file and a failed write leaves the old file intact. A new
+    // file is created with `mode` (less the umask); a replaced file keeps its permission bits
+    // (and, where the writer may set them, its owner and group), as a truncating write keeps
+    // them. The descriptor is always close-on-exec
     // (XO_CLOSE_ON_EXEC is accepted and implied), so no spawned tool inherits it.
     [[nodiscard]] XCode open(int flags, unsigned int mode, XOFlag xoFlag);
     // `content` is replaced by what is read: all that is left when `all`, else one block.
@@ -56,6 +62,9 @@ class KtFile {
 
   private:
     void abandonTemporary();
+    [[nodiscard]] XCode refuseLinks(const char* what) const;
+    // Gives the open temporary the mode (and owner) of the file it is to replace.
+    [[nodiscard]] XCode keepAttributes(const struct stat& replaced);
 
     [[nodiscard]] XCode systemError(int error, const char* what) const;
 
@@ -63,6 +72,7 @@ class KtFile {
     String systemPath_;
     String temporaryPath_;
     XCode pathError_;  // set when the mapped path leaves flash
+    bool mapped_ = true;
     bool writeFailed_ = false;
     int fd_ = -1;
 };

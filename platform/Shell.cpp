@@ -15,6 +15,7 @@
 #include <map>
 #include <mutex>
 
+#include "Device.h"
 #include "ProcessReactor.h"
 #include "ProcessSpawn.h"
 
@@ -42,6 +43,41 @@ XCode emptyCommandLine() {
     return code;
 }
 
+// A device path as a whole word, or as the value of a "--name=value" word.
+XCode mapWord(String& word) {
+    int valueAt = 0;
+    if (word.startsWith("--") && word.indexOf('=') > 0) {
+        valueAt = word.indexOf('=') + 1;
+    }
+    String value = word.substring(valueAt);
+    if (!Device::IS_MAPPED_PATH(value)) {
+        return XCode(XCode::SUCCESS);
+    }
+    String hostPath;
+    XCode result = Device::MAP_PATH_CHECKED(value, hostPath);
+    if (result.isSuccess()) {
+        word = word.substring(0, valueAt) + hostPath;
+    }
+    return result;
+}
+
+// Commands name files by their device paths ("/tmp/provisioning/x", "/flash/..."), as they are
+// logged; the tool gets the host paths. The value of tftp's "-r" names a file on the server and
+// stays as it is.
+XCode mapDevicePaths(std::vector<String>& words) {
+    const bool tftp = words.front() == "tftp";
+    for (std::size_t i = 1; i < words.size(); ++i) {
+        if (tftp && words[i - 1] == "-r") {
+            continue;
+        }
+        XCode result = mapWord(words[i]);
+        if (result.isErr()) {
+            return result;
+        }
+    }
+    return XCode(XCode::SUCCESS);
+}
+
 // The argument list to run and the program's path, or the "cannot start" code.
 XCode prepare(const String& commandLine, String& program, std::vector<String>& arguments,
               String& path) {
@@ -50,6 +86,10 @@ XCode prepare(const String& commandLine, String& program, std::vector<String>& a
         return emptyCommandLine();
     }
     program = words.front();
+    XCode mapped = mapDevicePaths(words);
+    if (mapped.isErr()) {
+        return mapped;
+    }
     arguments = Shell::RESOLVE_TOOL(words);
     int error = process::FIND_PROGRAM(arguments.front(), path);
     if (error != 0) {

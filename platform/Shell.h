@@ -55,6 +55,10 @@ void Future<String>::abandonAndReap();
 // directories only (the caller's PATH is never searched), once per name. Every tool runs with a
 // fixed environment of the platform's (PATH of the system directories, LC_ALL=C), none of the
 // caller's, and every command has a deadline (SET_COMMAND_DEADLINE).
+// Arguments that are device paths of flash or of the work directory (a whole word, or the value
+// of a "--name=value" word) are mapped to their host paths (Device::MAP_PATH_CHECKED) just before
+// the program starts, except the value of tftp's "-r" (a name on the server); a path that the
+// mapping refuses (an unsafe work directory, a ".." out of flash) means the command cannot start.
 class Shell {
   public:
     using ResultCallback = Function<void(XCode, String)>;

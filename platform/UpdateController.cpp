@@ -34,6 +34,7 @@ constexpr const char* ACTION = "update";
 constexpr const char* DESTINATION = "flash:";
 constexpr const char* ARCHIVE_PREFIX = "file:";
 constexpr const char* WORK_DIRECTORY_TEMPLATE = "/tmp/provisioning/.update-XXXXXX";
+constexpr int UNIQUE_PART_LENGTH = 6;  // mkdtemp's "XXXXXX"
 constexpr std::size_t COPY_CHUNK = 64 * 1024;
 // A manifest or a script is read whole; anything larger is not one.
 constexpr off_t MAX_TEXT_SIZE = 16 * 1024 * 1024;
@@ -264,16 +265,25 @@ class WorkDirectory {
     void remove() {
         if (!path_.isEmpty()) {
             std::error_code ignored;  // what cannot be removed stays; nothing to report it to
-            std::filesystem::remove_all(path_.str(), ignored);
+            std::filesystem::remove_all(Device::MAP_PATH(path_).str(), ignored);
         }
     }
 
+    // The directory keeps its device path (commands and reports name it so); the shell and
+    // openRegularFile map it.
     [[nodiscard]] XCode create() {
-        std::string name = WORK_DIRECTORY_TEMPLATE;
+        String hostTemplate;
+        XCode result = Device::MAP_PATH_CHECKED(WORK_DIRECTORY_TEMPLATE, hostTemplate);
+        if (result.isErr()) {
+            return result;
+        }
+        std::string name = hostTemplate.str();
         if (::mkdtemp(name.data()) == nullptr) {
             return systemFailure(errno, "CANNOT CREATE", WORK_DIRECTORY_TEMPLATE);
         }
-        path_ = name;
+        String templateText(WORK_DIRECTORY_TEMPLATE);
+        path_ = templateText.substring(0, templateText.length() - UNIQUE_PART_LENGTH) +
+                String(name.substr(name.size() - static_cast<std::size_t>(UNIQUE_PART_LENGTH)));
         return XCode(XCode::SUCCESS);
     }
     const String& path() const { return path_; }
@@ -311,7 +321,12 @@ class Descriptor {
 
 // Opens a regular file for reading, refusing symbolic links and anything that is not a file.
 XCode openRegularFile(const String& path, const char* what, Descriptor& fd, off_t& size) {
-    fd.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    String hostPath;
+    XCode mapped = Device::MAP_PATH_CHECKED(path, hostPath);
+    if (mapped.isErr()) {
+        return mapped;
+    }
+    fd.reset(::open(hostPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
     if (fd.get() < 0 && errno == ELOOP) {
         return failure("%s IS NOT A FILE", what);
     }

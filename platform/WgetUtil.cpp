@@ -19,7 +19,6 @@ const char* const SECRETS_DIRECTORY_PREFIX = "/tmp/provisioning/.wget-";
 
 namespace {
 
-const char* const WORK_DIRECTORY = "/tmp/provisioning";
 const char* const CREDENTIALS_FILE = "wgetrc";
 const char* const CA_DIRECTORY = "ca";
 const char* const CONFIG_OPTION = "--config=";
@@ -66,28 +65,33 @@ XCode checkCredential(const String& value) {
     return XCode();
 }
 
-XCode mapPath(const String& devicePath, String& hostPath) {
-    if (devicePath.isEmpty()) {
-        hostPath = devicePath;
-        return XCode();
-    }
-    return Device::MAP_PATH_CHECKED(devicePath, hostPath);
+// The arguments keep the device paths; the shell maps them when wget starts. A path that the
+// mapping would refuse is refused here already, before any private file exists.
+XCode checkPath(const String& devicePath) {
+    String ignored;
+    return devicePath.isEmpty() ? XCode() : Device::MAP_PATH_CHECKED(devicePath, ignored);
 }
 
-// The private directory of one wget run: mode 0700, a fresh name under the work directory.
+// The private directory of one wget run: mode 0700, a fresh name under the work directory (which
+// the platform prepares; it is never created here). `directory` is its device path.
 XCode makePrivateDirectory(String& directory) {
-    if (::mkdir(WORK_DIRECTORY, 0755) != 0 && errno != EEXIST) {
-        return systemFailure(errno, "CANNOT CREATE", WORK_DIRECTORY);
+    const String pattern = String(SECRETS_DIRECTORY_PREFIX) + "XXXXXX";
+    String hostPattern;
+    XCode result = Device::MAP_PATH_CHECKED(pattern, hostPattern);
+    if (result.isErr()) {
+        return result;
     }
-    std::string pattern = std::string(SECRETS_DIRECTORY_PREFIX) + "XXXXXX";
-    if (::mkdtemp(&pattern[0]) == nullptr) {
-        return systemFailure(errno, "CANNOT CREATE", String(pattern));
+    std::string made = hostPattern.str();
+    if (::mkdtemp(&made[0]) == nullptr) {
+        return systemFailure(errno, "CANNOT CREATE", pattern);
     }
-    directory = String(pattern);
+    directory = String(SECRETS_DIRECTORY_PREFIX) +
+                String(made.substr(made.size() - static_cast<std::size_t>(UNIQUE_PART_LENGTH)));
     return XCode();
 }
 
-XCode writeCredentials(const String& path, const String& user, const String& password) {
+XCode writeCredentials(const String& devicePath, const String& user, const String& password) {
+    const String path = Device::MAP_PATH(devicePath);
     int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
         return systemFailure(errno, "CANNOT CREATE", path);
@@ -143,19 +147,15 @@ XCode buildArgs(bool quiet, const String& url, const String& user, const String&
     if (outFile.isEmpty() || outFile == "-") {
         return failure("NO OUTPUT FILE FOR WGET");
     }
-    String output;
-    String caCertificate;
-    String certificate;
-    String privateKey;
-    XCode result = mapPath(outFile, output);
-    if (result.isSuccess()) {
-        result = mapPath(https1, caCertificate);
-    }
-    if (result.isSuccess()) {
-        result = mapPath(https2, certificate);
-    }
-    if (result.isSuccess()) {
-        result = mapPath(https3, privateKey);
+    const String& output = outFile;
+    const String& caCertificate = https1;
+    const String& certificate = https2;
+    const String& privateKey = https3;
+    XCode result;
+    for (const String* path : {&output, &caCertificate, &certificate, &privateKey}) {
+        if (result.isSuccess()) {
+            result = checkPath(*path);
+        }
     }
     if (result.isErr()) {
         return result;
@@ -208,7 +208,7 @@ XCode buildArgs(bool quiet, const String& url, const String& user, const String&
         String path = privateDirectory + "/" + CA_DIRECTORY;
         built.push_back(String("--ca-certificate=") + caCertificate);
         built.push_back(String(CA_DIRECTORY_OPTION) + path);
-        if (result.isSuccess() && ::mkdir(path.c_str(), 0700) != 0) {
+        if (result.isSuccess() && ::mkdir(Device::MAP_PATH(path).c_str(), 0700) != 0) {
             result = systemFailure(errno, "CANNOT CREATE", path);
         }
     }
@@ -239,16 +239,16 @@ void RELEASE_SECRETS(const std::vector<String>& args) {
             String directory = privateDirectoryOf(path, CREDENTIALS_FILE);
             if (!directory.isEmpty()) {
                 // Already gone is fine: the release may run more than once.
-                ::unlink(path.c_str());
-                ::rmdir(directory.c_str());
+                ::unlink(Device::MAP_PATH(path).c_str());
+                ::rmdir(Device::MAP_PATH(directory).c_str());
             }
         } else if (arg.startsWith(CA_DIRECTORY_OPTION)) {
             String path = arg.substring(
                 static_cast<int>(std::char_traits<char>::length(CA_DIRECTORY_OPTION)));
             String directory = privateDirectoryOf(path, CA_DIRECTORY);
             if (!directory.isEmpty()) {
-                ::rmdir(path.c_str());
-                ::rmdir(directory.c_str());
+                ::rmdir(Device::MAP_PATH(path).c_str());
+                ::rmdir(Device::MAP_PATH(directory).c_str());
             }
         }
     }

@@ -13,7 +13,8 @@ namespace WgetUtil {
 // wget follow redirects itself. `extra`: one more argument when not empty.
 // The password never appears in `args`: it goes to a file that only the owner can read, named
 // in the arguments and removed by RELEASE_SECRETS (see docs/WGET.md).
-// `outFile` and the three HTTPS files are device paths (mapped as KtFile maps them).
+// `outFile`, the three HTTPS files and the private files stay device paths in `args` (as logged);
+// the shell maps them to host paths when wget starts (Shell.h).
 // Errors (args left empty, nothing left behind):
 //   "INVALID CHARACTER IN WGET ARGUMENT"   an argument would hold '"', '\n', '\r' or NUL (the
 //                                          shell's word splitter cannot carry a '"');
@@ -21,7 +22,8 @@ namespace WgetUtil {
 //   "WHITE SPACE AROUND WGET CREDENTIALS"  the user or password starts or ends with white space
 //                                          (wget's configuration syntax cannot carry it);
 //   "NO OUTPUT FILE FOR WGET"              `outFile` is empty or "-" (standard output);
-//   a system error when the private file cannot be written; a mapping error for a flash path.
+//   a system error when the private file cannot be written; a mapping error for a device path
+//   (a ".." out of flash, an unsafe work directory: Device::MAP_PATH_CHECKED).
 [[nodiscard]] XCode buildArgs(bool quiet, const String& url, const String& user,
                               const String& password, const String& outFile, const String& https1,
                               const String& https2, const String& https3, bool followRedirects,

@@ -20,12 +20,12 @@ namespace suite {
 
 namespace {
 
-// Held while provctl runs: every firmware job extracts into the one "/tmp/provisioning/manifest",
-// and the test suite's firmware tests take the same lock.
+// Held while provctl runs. Each device now extracts into its own work directory; the lock is
+// kept so that the bench and the test suite's firmware tests still take turns on a shared one.
 class ManifestLock {
   public:
     ManifestLock() {
-        fd_ = ::open("/tmp/provisioning/.manifest-tests.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+        fd_ = ::open("/tmp/.prov-manifest-tests.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
         if (fd_ >= 0) {
             ::flock(fd_, LOCK_EX);
         }
@@ -153,7 +153,7 @@ int RUN_FIRMWARE(const Options& options, Recorder& recorder) {
         if (!runProvctl(false) || (large && !runBare(false))) {
             ++failures;
             REMOVE(archive);
-            REMOVE("/tmp/provisioning/" + name);
+            REMOVE(device + "/tmp/provisioning/" + name);  // provctl maps the work directory there
             continue;
         }
         for (int i = 0; i < options.largeRuns; ++i) {
@@ -180,7 +180,7 @@ int RUN_FIRMWARE(const Options& options, Recorder& recorder) {
         recorder.series(ownPeak);
         REMOVE(archive);
         // The job leaves a downloaded file behind on success; this one is the bench's.
-        REMOVE("/tmp/provisioning/" + name);
+        REMOVE(device + "/tmp/provisioning/" + name);  // provctl maps the work directory there
     }
     return failures == 0 ? 0 : 1;
 }

@@ -5,7 +5,6 @@
 namespace {
 constexpr int OPEN_READ_ONLY = 0;
 constexpr int OPEN_WRITE_CREATE_TRUNCATE = 577;
-constexpr unsigned int MODE_0644 = 0644;
 }  // namespace
 
 namespace FlashFile {
@@ -22,14 +21,14 @@ XCode READ_STORED(const String& devicePath, String& content) {
     return KtFile::READ_TEXT_FILE<String>(devicePath, content, OPEN_READ_ONLY, true, true);
 }
 
-XCode STORE(const String& devicePath, const String& content) {
+XCode STORE(const String& devicePath, const String& content, unsigned int mode) {
     // A name from a server that names a folder ("", ".", "..") is never written.
     String fileName = LAST_COMPONENT(devicePath, '/');
     if (fileName.isEmpty() || fileName == "." || fileName == "..") {
         return testExpression(false).setStringF("INVALID FILE NAME: %s", devicePath.c_str());
     }
     KtFile file(devicePath, true, false);
-    XCode result = file.open(OPEN_WRITE_CREATE_TRUNCATE, MODE_0644, KtFile::XO_CLOSE_ON_EXEC);
+    XCode result = file.open(OPEN_WRITE_CREATE_TRUNCATE, mode, KtFile::XO_CLOSE_ON_EXEC);
     if (result.isSuccess()) {
         result = file.writeFixedSizeBlocking(content.data(),
                                              static_cast<unsigned int>(content.length()), true);

@@ -10,10 +10,11 @@ namespace FlashFile {
 [[nodiscard]] XCode READ_DOWNLOADED(const String& workFile, String& content);
 // The whole file at `devicePath` ("/flash/...").
 [[nodiscard]] XCode READ_STORED(const String& devicePath, String& content);
-// Replaces the file at `devicePath` with `content` (flags 577, mode 0644, one blocking write).
-// The old file stays intact when this fails. A path whose last component is empty, "." or
-// ".." is refused.
-[[nodiscard]] XCode STORE(const String& devicePath, const String& content);
+// Replaces the file at `devicePath` with `content` (flags 577, one blocking write). A new file
+// gets `mode`; a replaced one keeps its own. The old file stays intact when this fails. A path
+// whose last component is empty, "." or ".." is refused, and so is a symbolic link.
+[[nodiscard]] XCode STORE(const String& devicePath, const String& content,
+                          unsigned int mode = 0644);
 // The part of `text` after its last `separator` (all of it when there is none).
 String LAST_COMPONENT(const String& text, char separator);
 

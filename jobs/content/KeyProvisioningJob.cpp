@@ -5,7 +5,9 @@
 
 namespace {
 constexpr const char* KEY_PATH = "/flash/preferences/key";
-}
+// A key is a secret: a new one is readable by its owner only (a replaced one keeps its mode).
+constexpr unsigned int NEW_KEY_MODE = 0600;
+}  // namespace
 
 KeyProvisioningJob::KeyProvisioningJob(KtEventLoop& loop, const String& jobName, ReloadType reload,
                                        bool compare, const KtList<String>& jobLocations,
@@ -38,7 +40,7 @@ XCode KeyProvisioningJob::onSuccessfulFileDownload() {
             ProvLog::progress("[%s] No key comparison is done", n);
         }
         ProvLog::progress("[%s] Storing key", n);
-        result = FlashFile::STORE(KEY_PATH, downloaded);
+        result = FlashFile::STORE(KEY_PATH, downloaded, NEW_KEY_MODE);
     }
     if (result.isErr()) {
         addXferLogEntry(result.toString(), "");

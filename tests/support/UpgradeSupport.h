@@ -2,8 +2,9 @@
 
 // Helpers of the firmware and script job tests: jobs with their protected members opened, a
 // recording handler, tar archives made with the real tar, unique names, and the lock that
-// serialises the use of the one extracted manifest "/tmp/provisioning/manifest" between test
-// processes that run in parallel.
+// serialises the use of an extracted manifest "/tmp/provisioning/manifest" between test processes
+// that run in parallel (each device directory has its own; the lock still serves tests that share
+// one).
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -40,7 +41,8 @@ namespace provtest {
 class ExtractedManifestLock {
   public:
     ExtractedManifestLock() {
-        fd_ = ::open("/tmp/provisioning/.manifest-tests.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+        // Outside every work directory, which must hold nothing of the tests' own.
+        fd_ = ::open("/tmp/.prov-manifest-tests.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
         EXPECT_GE(fd_, 0);
         if (fd_ >= 0) {
             EXPECT_EQ(0, ::flock(fd_, LOCK_EX));

@@ -104,8 +104,8 @@ TEST_F(LocationWalkTest, configurationIsDownloadedAndStored) {
     EXPECT_GE(xfer.indexOf(("cfg : " + location(file) + " -> startup-config : succeeded").str()), 0)
         << xfer.dump();
     // The work file is left behind after success.
-    EXPECT_TRUE(provtest::fileExists(workFile.str()));
-    unlink(workFile.c_str());
+    EXPECT_TRUE(provtest::fileExists(Device::MAP_PATH(workFile).str()));
+    unlink(Device::MAP_PATH(workFile).c_str());
 }
 
 TEST_F(LocationWalkTest, fortyFailingLocationsStopAfterThirty) {
@@ -135,7 +135,7 @@ TEST_F(LocationWalkTest, failedDownloadLeavesNoWorkFileAndReportsTheShellsCode) 
     ASSERT_TRUE(runToEnd());
     ASSERT_EQ(handler.results.size(), 1u);
     EXPECT_EQ(handler.results[0].getFamily(), XCode::EXIT_STATUS_FAMILY);
-    EXPECT_FALSE(provtest::fileExists(("/tmp/provisioning/" + file).str()));
+    EXPECT_FALSE(provtest::fileExists(Device::MAP_PATH("/tmp/provisioning/" + file).str()));
     // The client's error output is logged with the TFTP prefix.
     EXPECT_GE(prov.find("[TFTP] "), 0) << prov.dump();
     EXPECT_TRUE(prov.contains(("[absent] DOWNLOAD LOCATION FAILED: " + location(file)).str()));
@@ -153,7 +153,7 @@ TEST_F(LocationWalkTest, ftpIsSkippedWithoutCountingAndCapitalSchemeIsAccepted) 
     ASSERT_TRUE(runToEnd());
     EXPECT_TRUE(handler.results[0].isSuccess()) << prov.dump();
     EXPECT_EQ(job.getLocationsTried(), 0u);
-    unlink(("/tmp/provisioning/" + file).c_str());
+    unlink(Device::MAP_PATH("/tmp/provisioning/" + file).c_str());
 }
 
 TEST_F(LocationWalkTest, failingHookEndsTheJobWithoutTryingTheNextLocation) {
@@ -167,7 +167,7 @@ TEST_F(LocationWalkTest, failingHookEndsTheJobWithoutTryingTheNextLocation) {
     EXPECT_EQ(handler.results[0].getString(), "HOOK REFUSED");
     EXPECT_EQ(job.hookCalls, 1);
     EXPECT_EQ(prov.count("Trying to download from location"), 1);
-    unlink(("/tmp/provisioning/" + file).c_str());
+    unlink(Device::MAP_PATH("/tmp/provisioning/" + file).c_str());
 }
 
 TEST_F(LocationWalkTest, expressionsAreResolvedBeforeTheTransfer) {
@@ -183,7 +183,7 @@ TEST_F(LocationWalkTest, expressionsAreResolvedBeforeTheTransfer) {
     EXPECT_TRUE(handler.results[0].isSuccess()) << prov.dump();
     EXPECT_GE(prov.indexOf(("[expr] Location resolved to " + location(file)).str()), 0);
     EXPECT_EQ(job.getDownloadLocation(), location(file));
-    unlink(("/tmp/provisioning/" + file).c_str());
+    unlink(Device::MAP_PATH("/tmp/provisioning/" + file).c_str());
 }
 
 TEST_F(LocationWalkTest, uploadRetryGoesBackToTheLocationThatFailed) {
@@ -264,7 +264,7 @@ TEST_F(LocationWalkTest, destroyedJobGetsNoCallbackAndLeavesNoChild) {
     EXPECT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, 10s));
     loop.runUntil([] { return false; }, 300ms);
     EXPECT_TRUE(handler.results.empty());
-    unlink(("/tmp/provisioning/" + file).c_str());
+    unlink(Device::MAP_PATH("/tmp/provisioning/" + file).c_str());
 }
 
 }  // namespace

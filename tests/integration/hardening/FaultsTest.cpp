@@ -53,13 +53,14 @@ class FaultsTest : public DeviceTest {
     }
 
     // provctl with `arguments` in a private mount namespace with `mounts`; the output ends with
-    // "provctl exit N", "work directory:" and what /tmp/provisioning then holds.
+    // "provctl exit N", "work directory:" and what the device's work directory then holds.
     IsolatedRun provctlWithPrivateMounts(const std::vector<PrivateMount>& mounts,
                                          std::vector<std::string> arguments) {
         std::vector<std::string> argv = {
             "/bin/sh", "-c",
             "\"$0\" \"$@\"; echo \"provctl exit $?\"; echo 'work directory:'; "
-            "ls -A /tmp/provisioning",
+            "ls -A '" +
+                Device::MAP_PATH("/tmp/provisioning").str() + "'",
             PROV_PROVCTL};
         argv.insert(argv.end(), arguments.begin(), arguments.end());
         return runWithPrivateMounts(mounts, argv);
@@ -181,7 +182,8 @@ TEST_F(FaultsTest, fullWorkDirectoryFailsATftpDownloadAndLeavesNothingBehind) {
     server.put(name, NEW_CONFIG + std::string(256 * 1024, '!'));
     ASSERT_TRUE(server.start());
     IsolatedRun run = provctlWithPrivateMounts(
-        {{PrivateMount::Kind::Tmpfs, "/tmp/provisioning", "size=64k,mode=755"}},
+        {{PrivateMount::Kind::Tmpfs, Device::MAP_PATH("/tmp/provisioning").str(),
+          "size=64k,mode=700"}},
         {"config", "--device", device.path(), "--json", tftpLocation(server, name).str()});
     if (!run.notPermitted.empty()) {
         GTEST_SKIP() << "no private mount namespace here: " << run.notPermitted;
@@ -203,7 +205,8 @@ TEST_F(FaultsTest, fullWorkDirectoryFailsAnHttpDownloadWithCredentialsAndLeavesN
     server.put("/secure/" + name, NEW_CONFIG + std::string(256 * 1024, '!'));
     ASSERT_TRUE(server.start());
     IsolatedRun run = provctlWithPrivateMounts(
-        {{PrivateMount::Kind::Tmpfs, "/tmp/provisioning", "size=64k,mode=755"}},
+        {{PrivateMount::Kind::Tmpfs, Device::MAP_PATH("/tmp/provisioning").str(),
+          "size=64k,mode=700"}},
         {"config", "--device", device.path(), "--json", "--credential", "dev:user:pass",
          server.url("/secure/" + name)});
     if (!run.notPermitted.empty()) {

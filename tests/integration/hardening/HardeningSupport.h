@@ -71,14 +71,15 @@ inline std::string uniqueName(const std::string& prefix) {
 }
 
 // Every regular file under the device directory `root`, by path relative to it, with its
-// content. The status directory is left out: it records the job, it stores nothing.
+// content. The status directory and the work directory are left out: they record and carry the
+// job, they store nothing.
 inline std::map<std::string, std::string> snapshotFiles(const std::string& root) {
     std::map<std::string, std::string> files;
     std::error_code error;
     for (auto it = std::filesystem::recursive_directory_iterator(root, error);
          !error && it != std::filesystem::recursive_directory_iterator(); it.increment(error)) {
         std::string name = std::filesystem::relative(it->path(), root).string();
-        if (it->is_regular_file() && name.rfind("status/", 0) != 0) {
+        if (it->is_regular_file() && name.rfind("status/", 0) != 0 && name.rfind("tmp/", 0) != 0) {
             std::ifstream in(it->path(), std::ios::binary);
             std::stringstream content;
             content << in.rdbuf();
@@ -158,7 +159,8 @@ class DeviceTest : public ::testing::Test {
         }
         // Work files whose names the test did not foresee: everything named after the test.
         std::error_code error;
-        for (const auto& entry : std::filesystem::directory_iterator("/tmp/provisioning", error)) {
+        for (const auto& entry : std::filesystem::directory_iterator(
+                 Device::MAP_PATH("/tmp/provisioning").str(), error)) {
             if (entry.path().filename().string().rfind(unique, 0) == 0) {
                 std::filesystem::remove(entry.path(), error);
             }
@@ -172,7 +174,7 @@ class DeviceTest : public ::testing::Test {
         return name;
     }
     static std::string workFileOf(const std::string& name) {
-        return "/tmp/provisioning/" + name.substr(name.rfind('/') + 1);
+        return Device::MAP_PATH("/tmp/provisioning").str() + "/" + name.substr(name.rfind('/') + 1);
     }
 
     ::testing::AssertionResult runToEnd(std::chrono::milliseconds timeout = 60s) {

@@ -38,12 +38,17 @@ bool startsWith(const std::string& text, const std::string& prefix) {
     return text.rfind(prefix, 0) == 0;
 }
 
+// The tools get the host path of the device's work directory.
+std::string workDirectory() {
+    return Device::MAP_PATH("/tmp/provisioning").str();
+}
+
 // tftp -g -l FILE -r PATH HOST [PORT]: six arguments, or seven with a port; the file a work
 // file, the path absolute, the host no option, the port a number.
 ::testing::AssertionResult tftpRunsAreClean(const Runs& runs) {
     for (const auto& args : runs) {
         bool clean = (args.size() == 6 || args.size() == 7) && args[0] == "-g" && args[1] == "-l" &&
-                     startsWith(args[2], "/tmp/provisioning/") && args[3] == "-r" &&
+                     startsWith(args[2], workDirectory() + "/") && args[3] == "-r" &&
                      startsWith(args[4], "/") && !args[5].empty() && args[5][0] != '-';
         if (clean && args.size() == 7) {
             clean =
@@ -71,11 +76,11 @@ const std::vector<std::string> WGET_ARGS = {
             const std::string& expected = WGET_ARGS[i];
             if (expected == "<config>") {
                 clean = args[i] == "--no-config" ||
-                        (startsWith(args[i], "--config=/tmp/provisioning/.wget-") &&
-                         args[i].size() == std::string("--config=/tmp/provisioning/.wget-").size() +
+                        (startsWith(args[i], "--config=" + workDirectory() + "/.wget-") &&
+                         args[i].size() == ("--config=" + workDirectory() + "/.wget-").size() +
                                                std::string("XXXXXX/wgetrc").size());
             } else if (expected == "<file>") {
-                clean = startsWith(args[i], "/tmp/provisioning/");
+                clean = startsWith(args[i], workDirectory() + "/");
             } else if (expected == "<url>") {
                 clean = startsWith(args[i], "http://") || startsWith(args[i], "https://");
             } else {
@@ -90,11 +95,11 @@ const std::vector<std::string> WGET_ARGS = {
     return ::testing::AssertionSuccess();
 }
 
-// tar xf FILE -C /tmp/provisioning manifest.
+// tar xf FILE -C /tmp/provisioning manifest, as the tool gets it (host paths).
 ::testing::AssertionResult tarRunsAreClean(const Runs& runs) {
     for (const auto& args : runs) {
-        if (args.size() != 5 || args[0] != "xf" || !startsWith(args[1], "/tmp/provisioning/") ||
-            args[2] != "-C" || args[3] != "/tmp/provisioning" || args[4] != "manifest") {
+        if (args.size() != 5 || args[0] != "xf" || !startsWith(args[1], workDirectory() + "/") ||
+            args[2] != "-C" || args[3] != workDirectory() || args[4] != "manifest") {
             return ::testing::AssertionFailure()
                    << "tar got " << args.size() << " arguments: " << show(args);
         }
@@ -363,7 +368,7 @@ TEST_F(InjectionTest, hostileRealmsUsersAndPasswordsStayOutOfTheArgumentList) {
         }
         SCOPED_TRACE(text);
         std::string path = "/" + unique + "-auth" + std::to_string(jobs++);
-        workFiles.push_back("/tmp/provisioning" + path);
+        workFiles.push_back(workDirectory() + path);
         // The realm loses its first and last character: the quotes.
         // wget itself asks once more without credentials before it sends them.
         FixtureResponse challenge = FixtureResponse::challenge("Basic realm=\"" + text + "\"");
@@ -407,7 +412,7 @@ TEST_F(InjectionTest, hostileArchiveNamesReachTarAsOneArgument) {
             requested += c == ' ' ? "%20" : c == '\t' ? "%09" : std::string(1, c);
         }
         server.route("/" + requested, {FixtureResponse::ok("archive")});
-        workFiles.push_back("/tmp/provisioning/" + name);
+        workFiles.push_back(workDirectory() + "/" + name);
     }
     ASSERT_TRUE(server.start());
     for (const std::string& name : names) {

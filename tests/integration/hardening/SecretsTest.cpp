@@ -78,7 +78,8 @@ class SecretsTest : public DeviceTest {
         DeviceTest::TearDown();
     }
 
-    // The credentials file on the last logged wget command line of the job `jobName`.
+    // The credentials file on the last logged wget command line of the job `jobName`, as a host
+    // path.
     std::string loggedConfigFile(const std::string& jobName) const {
         std::string found;
         for (const std::string& line : prov.lines()) {
@@ -91,12 +92,13 @@ class SecretsTest : public DeviceTest {
                 found = line.substr(at, line.find(' ', at) - at);
             }
         }
-        return found;
+        return found.empty() ? found : Device::MAP_PATH(found.c_str()).str();
     }
 
     // While a wget with the password runs: the file is private and the only channel.
     void expectPrivateChannel(const std::string& config) {
-        ASSERT_EQ(config.rfind("/tmp/provisioning/.wget-", 0), 0U) << config;
+        ASSERT_EQ(config.rfind(Device::MAP_PATH("/tmp/provisioning/.wget-").str(), 0), 0U)
+            << config;
         bool regular = false;
         bool directory = false;
         uid_t owner = 0;
@@ -206,7 +208,8 @@ TEST_F(SecretsTest, privateFileGoesWhenWgetCannotStartForTheRetry) {
     ASSERT_TRUE(runToEnd());
     EXPECT_EQ(told().getString(), "CANNOT START wget: No such file or directory");
     std::string config = loggedConfigFile("nostart");
-    ASSERT_EQ(config.rfind("/tmp/provisioning/.wget-", 0), 0U) << prov.dump();
+    ASSERT_EQ(config.rfind(Device::MAP_PATH("/tmp/provisioning/.wget-").str(), 0), 0U)
+        << prov.dump();
     EXPECT_FALSE(provtest::fileExists(config));
     EXPECT_FALSE(provtest::fileExists(directoryOf(config)));
     EXPECT_TRUE(neverLogged());
@@ -240,7 +243,8 @@ TEST_F(SecretsTest, passwordStaysOffTheUpdateControllersCommandLine) {
     // The controller logs no command line: its wget is found by the private file it names.
     std::string config;
     for (const auto& [pid, arguments] : argumentLists()) {
-        std::size_t at = arguments.find("--config=/tmp/provisioning/.wget-");
+        std::size_t at =
+            arguments.find("--config=" + Device::MAP_PATH("/tmp/provisioning/.wget-").str());
         if (at != std::string::npos && arguments.find("image.bin") != std::string::npos) {
             at += 9;
             config = arguments.substr(at, arguments.find(' ', at) - at);

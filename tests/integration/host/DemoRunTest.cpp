@@ -109,8 +109,8 @@ class DemoRunTest : public ::testing::Test {
     std::vector<std::string> devices_;
 };
 
-// The demo's work files under /tmp/provisioning/ have fixed names, so two demos must not run at
-// the same time: the runs that must succeed and the interrupted one are one test.
+// The runs that must succeed and the interrupted one are one test, each on a device directory of
+// its own (and so with a work directory of its own).
 TEST_F(DemoRunTest, succeedsTwiceInARowAndStopsItsServersOnEveryPath) {
     for (int round = 0; round < 2; ++round) {
         SCOPED_TRACE("run " + std::to_string(round + 1));

@@ -363,7 +363,7 @@ TEST_F(ProvctlTest, jobPreparesTheDeviceDirectory) {
                             "/flash/provisioning", "/config", "/slots", "/status"}) {
         EXPECT_TRUE(provtest::fileExists(device() + sub)) << sub;
     }
-    EXPECT_TRUE(provtest::fileExists("/tmp/provisioning"));
+    EXPECT_TRUE(provtest::fileExists(device() + "/tmp/provisioning"));
 }
 
 TEST_F(ProvctlTest, defaultDeviceDirectoryFollowsXdgStateHome) {

@@ -81,7 +81,7 @@ class ContentJobsTest : public ::testing::TestWithParam<Protocol> {
     std::string serve(const std::string& folder, const std::string& suffix,
                       const std::string& content) {
         std::string name = unique + suffix;
-        workFiles.push_back("/tmp/provisioning/" + name);
+        workFiles.push_back(Device::MAP_PATH("/tmp/provisioning").str() + "/" + name);
         if (GetParam() == Protocol::Tftp) {
             tftp.put(folder + "/" + name, content);
             return "tftp://127.0.0.1:" + std::to_string(tftp.port()) + "/" + folder + "/" + name;
@@ -92,7 +92,7 @@ class ContentJobsTest : public ::testing::TestWithParam<Protocol> {
     // A location on the running server where nothing lies.
     std::string absent(const std::string& folder, const std::string& suffix) {
         std::string name = unique + suffix;
-        workFiles.push_back("/tmp/provisioning/" + name);
+        workFiles.push_back(Device::MAP_PATH("/tmp/provisioning").str() + "/" + name);
         if (GetParam() == Protocol::Tftp) {
             return "tftp://127.0.0.1:" + std::to_string(tftp.port()) + "/" + folder + "/" + name;
         }

@@ -71,7 +71,8 @@ class UpgradeTest : public ::testing::Test {
         MON_XFER = nullptr;
         MON_EVENT = nullptr;
         for (const char* suffix : {".tar", ".manifest"}) {
-            std::remove(("/tmp/provisioning/" + unique + suffix).c_str());
+            std::remove(
+                (Device::MAP_PATH("/tmp/provisioning").str() + "/" + unique + suffix).c_str());
         }
     }
 
@@ -316,8 +317,9 @@ TEST_F(UpgradeTest, membersClimbingOutNeverLandOutsideTheWorkDirectoryOrTheSlots
               "UNSAFE MEMBER IN ARCHIVE: ../" + unique + "-climbed");
     EXPECT_FALSE(provtest::fileExists(absolute));
     EXPECT_FALSE(provtest::fileExists(climbing));
-    EXPECT_FALSE(provtest::fileExists("/tmp/provisioning/" + unique + "-climbed"));
-    EXPECT_FALSE(provtest::fileExists("/tmp/provisioning" + absolute));
+    EXPECT_FALSE(provtest::fileExists(Device::MAP_PATH("/tmp/provisioning").str() + "/" + unique +
+                                      "-climbed"));
+    EXPECT_FALSE(provtest::fileExists(Device::MAP_PATH("/tmp/provisioning").str() + absolute));
     EXPECT_EQ(slotTwoWhenTold, "<none>");
     EXPECT_FALSE(provtest::fileExists(device.file("slots/2")));
 }

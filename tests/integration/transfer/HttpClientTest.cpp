@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "engine/Monitors.h"
+#include "platform/Device.h"
 #include "platform/Shell.h"
 #include "platform/WgetUtil.h"
 #include "support/CaptureMonitor.h"
@@ -69,13 +70,13 @@ class HttpClientTest : public ::testing::Test {
         outFile =
             String::format("/tmp/provisioning/http-client-test-%d-%s", static_cast<int>(getpid()),
                            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        ::unlink(outFile.c_str());
+        ::unlink(Device::MAP_PATH(outFile).c_str());
     }
     void TearDown() override {
         client.reset();
         loop.runPending();
         MON_PROV = nullptr;
-        ::unlink(outFile.c_str());
+        ::unlink(Device::MAP_PATH(outFile).c_str());
     }
 
     Kt::Function<void(XCode)> counting() {
@@ -104,12 +105,12 @@ class HttpClientTest : public ::testing::Test {
 
 TEST_F(HttpClientTest, okBodyReplacesALongerOlderFile) {
     ASSERT_TRUE(server.start());
-    writeFile(outFile.str(), std::string(5000, 'x'));
+    writeFile(Device::MAP_PATH(outFile).str(), std::string(5000, 'x'));
     ASSERT_TRUE(
         client->getHttpInBackground(server.url("/file/20"), outFile, counting()).isSuccess());
     ASSERT_TRUE(completed());
     EXPECT_TRUE(outcome.isSuccess()) << outcome.toString().str();
-    EXPECT_EQ(readFile(outFile.str()), "01234567890123456789");
+    EXPECT_EQ(readFile(Device::MAP_PATH(outFile).str()), "01234567890123456789");
     EXPECT_EQ(client->getLastStatus(), 200);
     EXPECT_EQ(completions, 1);
     EXPECT_TRUE(monitor.contains("[job/HTTP] Invoke wget with cmdline: wget -q -S --no-config"));
@@ -122,7 +123,7 @@ TEST_F(HttpClientTest, largeBodyPrintsNoProgress) {
         client->getHttpInBackground(server.url("/file/3000000"), outFile, counting()).isSuccess());
     ASSERT_TRUE(completed());
     EXPECT_TRUE(outcome.isSuccess()) << outcome.toString().str();
-    EXPECT_EQ(readFile(outFile.str()).size(), 3000000U);
+    EXPECT_EQ(readFile(Device::MAP_PATH(outFile).str()).size(), 3000000U);
     // Only the header lines, the command line and the result line were logged.
     EXPECT_LE(monitor.lines().size(), 8U) << monitor.dump();
 }
@@ -160,7 +161,7 @@ TEST_F(HttpClientTest, credentialsWithBlanksAndQuotesReachTheServerIntact) {
     ASSERT_TRUE(completed());
     EXPECT_TRUE(outcome.isSuccess()) << outcome.toString().str() << "\n" << monitor.dump();
     // The server echoes what it decoded from the Authorization header.
-    EXPECT_EQ(readFile(outFile.str()), (user + ":" + password).str());
+    EXPECT_EQ(readFile(Device::MAP_PATH(outFile).str()), (user + ":" + password).str());
     // wget asked without credentials first, was challenged, and the final answer counts.
     EXPECT_EQ(client->getLastStatus(), 200);
     EXPECT_FALSE(monitor.contains("p w\"d' #x = y")) << monitor.dump();
@@ -178,7 +179,7 @@ TEST_F(HttpClientTest, secondRunOnTheSameClientRetriesWithCredentials) {
             .isSuccess());
     ASSERT_TRUE(completed());
     EXPECT_TRUE(outcome.isSuccess()) << outcome.toString().str();
-    EXPECT_EQ(readFile(outFile.str()), "user:secret");
+    EXPECT_EQ(readFile(Device::MAP_PATH(outFile).str()), "user:secret");
     EXPECT_EQ(client->getRealm(), "lab");  // kept from the first run
 }
 
@@ -221,7 +222,7 @@ TEST_F(HttpClientTest, blockingGetFromASecondThreadWhileTheLoopRuns) {
     }
     caller.join();
     EXPECT_TRUE(result.isSuccess()) << result.toString().str();
-    EXPECT_EQ(readFile(outFile.str()), "012345678901234567890123456789");
+    EXPECT_EQ(readFile(Device::MAP_PATH(outFile).str()), "012345678901234567890123456789");
     EXPECT_EQ(client->getLastStatus(), 200);
 }
 
@@ -289,7 +290,7 @@ TEST_F(HttpClientTest, httpsWithTheServersCaIsTrusted) {
                     .isSuccess());
     ASSERT_TRUE(completed());
     EXPECT_TRUE(outcome.isSuccess()) << outcome.toString().str() << "\n" << monitor.dump();
-    EXPECT_EQ(readFile(outFile.str()), "012345678901");
+    EXPECT_EQ(readFile(Device::MAP_PATH(outFile).str()), "012345678901");
     EXPECT_TRUE(monitor.contains("--ca-directory=/tmp/provisioning/.wget-"));
 }
 
@@ -328,7 +329,7 @@ TEST_F(HttpClientTest, httpsClientCertificateAndKeyAreSent) {
                     .isSuccess());
     ASSERT_TRUE(completed());
     EXPECT_TRUE(outcome.isSuccess()) << outcome.toString().str() << "\n" << monitor.dump();
-    EXPECT_EQ(readFile(outFile.str()), "012345678901");
+    EXPECT_EQ(readFile(Device::MAP_PATH(outFile).str()), "012345678901");
 
     completions = 0;
     ASSERT_TRUE(client

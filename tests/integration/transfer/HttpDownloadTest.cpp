@@ -66,11 +66,15 @@ class HttpDownloadTest : public ::testing::Test {
     // A remote path "/<dir><unique><suffix>" whose work file is removed after the test.
     std::string remote(const std::string& suffix, const std::string& dir = "") {
         std::string file = unique.str() + suffix;
-        workFiles.push_back("/tmp/provisioning/" + file);
+        workFiles.push_back(Device::MAP_PATH("/tmp/provisioning").str() + "/" + file);
         return "/" + dir + file;
     }
+    // The work file's device path, as the job logs it.
     static std::string workFileOf(const std::string& remotePath) {
         return "/tmp/provisioning/" + remotePath.substr(remotePath.rfind('/') + 1);
+    }
+    static std::string hostWorkFileOf(const std::string& remotePath) {
+        return Device::MAP_PATH(workFileOf(remotePath).c_str()).str();
     }
     std::unique_ptr<ConfigProvisioningJob> configJob(const char* name,
                                                      const KtList<String>& locations,
@@ -160,7 +164,7 @@ TEST_F(HttpDownloadTest, configurationOverHttpIsStored) {
     EXPECT_GE(xfer.indexOf(("cfg : " + url + " -> startup-config : succeeded").str()), 0)
         << xfer.dump();
     EXPECT_GE(event.indexOf("[cfg] Received and stored configuration update"), 0);
-    EXPECT_EQ(provtest::readFile(workFile), VALID_CONFIG);
+    EXPECT_EQ(provtest::readFile(Device::MAP_PATH(workFile.c_str()).str()), VALID_CONFIG);
     EXPECT_EQ(wgetRuns(), 1);
 }
 
@@ -196,7 +200,7 @@ TEST_F(HttpDownloadTest, httpsWithoutCaIsUntrusted) {
     EXPECT_EQ(result().getValue(), 0x12000005U);
     EXPECT_EQ(result().getString(), "UNKNOWN ERROR: wget EXITED WITH STATUS 5");
     EXPECT_GE(prov.indexOf("[untrusted] FAILED TO DOWNLOAD CONFIGURATION"), 0);
-    EXPECT_FALSE(provtest::fileExists(workFileOf(path)));
+    EXPECT_FALSE(provtest::fileExists(hostWorkFileOf(path)));
     EXPECT_EQ(storedConfig().rfind("<none", 0), 0U);
 }
 
@@ -235,7 +239,7 @@ TEST_F(HttpDownloadTest, clientCertificateLocationRefusesADeviceWithoutCertifica
     ASSERT_TRUE(runToEnd());
     EXPECT_TRUE(result().isErr());
     EXPECT_EQ(storedConfig().rfind("<none", 0), 0U);
-    EXPECT_FALSE(provtest::fileExists(workFileOf(path)));
+    EXPECT_FALSE(provtest::fileExists(hostWorkFileOf(path)));
     // The server's 401 carries no challenge: nothing to retry with, the location simply fails.
     EXPECT_GE(prov.indexOf("[nocert/HTTP]   HTTP/1.1 401 Unauthorized"), 0) << prov.dump();
     EXPECT_EQ(result().getString(), "START OF HEADER NOT FOUND");
@@ -402,7 +406,7 @@ TEST_F(HttpDownloadTest, redirectToItselfStopsAfterThirtyLocations) {
     EXPECT_EQ(job->getLocationsTried(), 30U);
     // The configured second location was never reached.
     EXPECT_FALSE(prov.contains("-never.cfg"));
-    EXPECT_FALSE(provtest::fileExists(workFileOf(loopPath)));
+    EXPECT_FALSE(provtest::fileExists(hostWorkFileOf(loopPath)));
 }
 
 // --- Authentication --------------------------------------------------------------------------
@@ -505,7 +509,7 @@ TEST_F(HttpDownloadTest, passwordAppearsInNoLogLineNorCommandLine) {
     // ... and the file went with the run.
     std::size_t at = commandLine.find("--config=") + 9;
     std::string config = commandLine.substr(at, commandLine.find(' ', at) - at);
-    EXPECT_FALSE(provtest::fileExists(config)) << config;
+    EXPECT_FALSE(provtest::fileExists(Device::MAP_PATH(config.c_str()).str())) << config;
 }
 
 TEST_F(HttpDownloadTest, wildCardCredentialsServeARealmWithoutItsOwn) {
@@ -546,7 +550,7 @@ TEST_F(HttpDownloadTest, challengeWithoutCredentialsStillRetriesExactlyOnce) {
     EXPECT_FALSE(requests[0].hasHeader("Authorization"));
     EXPECT_FALSE(requests[1].hasHeader("Authorization"));
     EXPECT_EQ(wgetRuns(), 2);
-    EXPECT_FALSE(provtest::fileExists(workFileOf(path)));
+    EXPECT_FALSE(provtest::fileExists(hostWorkFileOf(path)));
 }
 
 TEST_F(HttpDownloadTest, secondChallengeEndsTheLocationWithoutAThirdAttempt) {
@@ -675,7 +679,7 @@ TEST_F(HttpDownloadTest, forbiddenAfterCredentialsIsAnUnhandledErrorStatus) {
     EXPECT_EQ(result().getString(),
               "UNHANDLED ERROR RESPONSE STATUS: HTTP/1.1 403 Forbidden: wget EXITED WITH STATUS 8");
     EXPECT_EQ(server.requestsFor(path).size(), 3U);
-    EXPECT_FALSE(provtest::fileExists(workFileOf(path)));
+    EXPECT_FALSE(provtest::fileExists(hostWorkFileOf(path)));
 }
 
 // wget ends with status 6 only after a 401; the final status line is the last "HTTP/" of its
@@ -766,7 +770,7 @@ TEST_F(HttpDownloadTest, noContentIsNotADownload) {
     ASSERT_TRUE(runToEnd());
     EXPECT_EQ(result().getValue(), 0x7FFFFFFFU);
     EXPECT_EQ(result().getString(), "STATUS IS NOT 200 OK or 201 CREATED: HTTP/1.1 204 No Content");
-    EXPECT_FALSE(provtest::fileExists(workFileOf(path)));
+    EXPECT_FALSE(provtest::fileExists(hostWorkFileOf(path)));
 }
 
 TEST_F(HttpDownloadTest, notFoundIsAnUnhandledErrorStatus) {
@@ -790,10 +794,10 @@ TEST_F(HttpDownloadTest, failedDownloadLeavesNoWorkFile) {
     ASSERT_TRUE(server.start());
     auto job = configJob("partial", {server.url(path).c_str()});
     ASSERT_TRUE(job->execute().isSuccess());
-    EXPECT_TRUE(provtest::fileExists(workFileOf(path)));
+    EXPECT_TRUE(provtest::fileExists(hostWorkFileOf(path)));
     ASSERT_TRUE(runToEnd());
     EXPECT_TRUE(result().isErr());
-    EXPECT_FALSE(provtest::fileExists(workFileOf(path)));
+    EXPECT_FALSE(provtest::fileExists(hostWorkFileOf(path)));
 }
 
 TEST_F(HttpDownloadTest, refusedConnectionIsANetworkFailure) {
@@ -808,7 +812,7 @@ TEST_F(HttpDownloadTest, refusedConnectionIsANetworkFailure) {
     EXPECT_EQ(result().getString(),
               "NETWORK FAILURE (NO NAME SERVER, NO ROUTE TO HOST, OR TRANSFER FAILED): "
               "wget EXITED WITH STATUS 4");
-    EXPECT_FALSE(provtest::fileExists(workFileOf(path)));
+    EXPECT_FALSE(provtest::fileExists(hostWorkFileOf(path)));
 }
 
 // Takes as long as wget's read timeout (30 s).
@@ -822,7 +826,7 @@ TEST_F(HttpDownloadTest, silentServerEndsWithWgetsTimeout) {
     ASSERT_TRUE(runToEnd(120s));
     EXPECT_EQ(result().getValue(), 0x12000004U);
     EXPECT_EQ(server.requestsFor(path).size(), 1U);
-    EXPECT_FALSE(provtest::fileExists(workFileOf(path)));
+    EXPECT_FALSE(provtest::fileExists(hostWorkFileOf(path)));
 }
 
 // --- Safety ----------------------------------------------------------------------------------
@@ -843,7 +847,8 @@ TEST_F(HttpDownloadTest, shellCharactersInALocationRunNoCommand) {
     EXPECT_FALSE(provtest::fileExists(marker));
     ::unlink(marker.c_str());
     for (const char* leftover : {"-owned`", "-owned", "-owned)"}) {
-        ::unlink(("/tmp/provisioning/" + unique.str() + leftover).c_str());
+        ::unlink(
+            (Device::MAP_PATH("/tmp/provisioning").str() + "/" + unique.str() + leftover).c_str());
     }
 }
 
@@ -874,7 +879,8 @@ TEST_F(HttpDownloadTest, shellCharactersInARedirectTargetRunNoCommand) {
     EXPECT_FALSE(provtest::fileExists(marker));
     ::unlink(marker.c_str());
     for (const char* leftover : {"-owned`", "-owned", "-owned)", "-x", "\" "}) {
-        ::unlink(("/tmp/provisioning/" + unique.str() + leftover).c_str());
+        ::unlink(
+            (Device::MAP_PATH("/tmp/provisioning").str() + "/" + unique.str() + leftover).c_str());
     }
 }
 

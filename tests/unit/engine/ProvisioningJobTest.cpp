@@ -244,9 +244,11 @@ TEST_F(ProvisioningJobTest, pathWithoutSlashIsTheFileName) {
     auto job = makeJob({});
     ASSERT_TRUE(job->createOutFile("engine-unit-plain.txt").isSuccess());
     EXPECT_EQ(job->getOutFile(), "/tmp/provisioning/engine-unit-plain.txt");
-    EXPECT_TRUE(provtest::fileExists("/tmp/provisioning/engine-unit-plain.txt"));
+    EXPECT_TRUE(
+        provtest::fileExists(Device::MAP_PATH("/tmp/provisioning/engine-unit-plain.txt").str()));
     job->removeOutFile();
-    EXPECT_FALSE(provtest::fileExists("/tmp/provisioning/engine-unit-plain.txt"));
+    EXPECT_FALSE(
+        provtest::fileExists(Device::MAP_PATH("/tmp/provisioning/engine-unit-plain.txt").str()));
 }
 
 TEST_F(ProvisioningJobTest, parametersAfterSemicolonAreCutOff) {
@@ -264,15 +266,17 @@ TEST_F(ProvisioningJobTest, folderBeforeSemicolonIsRefusedEvenWithTextAfterIt) {
 }
 
 TEST_F(ProvisioningJobTest, existingLongerWorkFileIsNotTruncated) {
-    provtest::writeFile("/tmp/provisioning/engine-unit-long.cfg", "0123456789");
+    provtest::writeFile(Device::MAP_PATH("/tmp/provisioning/engine-unit-long.cfg").str(),
+                        "0123456789");
     auto job = makeJob({});
     ASSERT_TRUE(job->createOutFile("/engine-unit-long.cfg").isSuccess());
-    EXPECT_EQ(provtest::readFile("/tmp/provisioning/engine-unit-long.cfg"), "0123456789");
+    EXPECT_EQ(provtest::readFile(Device::MAP_PATH("/tmp/provisioning/engine-unit-long.cfg").str()),
+              "0123456789");
     job->removeOutFile();
 }
 
 TEST_F(ProvisioningJobTest, uncreatableWorkFileNamesThePath) {
-    provtest::makeDirs("/tmp/provisioning/engine-unit-dir");
+    provtest::makeDirs(Device::MAP_PATH("/tmp/provisioning/engine-unit-dir").str());
     auto job = makeJob({});
     XCode result = job->createOutFile("/srv/engine-unit-dir");
     EXPECT_TRUE(result.isErr());

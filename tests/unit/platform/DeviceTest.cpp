@@ -54,9 +54,28 @@ TEST_F(DeviceTest, flashFilesMapIntoTheDeviceDirectory) {
               String((root() + "/flash/preferences/key").c_str()));
 }
 
+TEST_F(DeviceTest, theWorkDirectoryMapsIntoTheDeviceDirectory) {
+    EXPECT_EQ(Device::MAP_PATH("/tmp/provisioning"),
+              String((root() + "/tmp/provisioning").c_str()));
+    EXPECT_EQ(Device::MAP_PATH("/tmp/provisioning/file"),
+              String((root() + "/tmp/provisioning/file").c_str()));
+    EXPECT_EQ(Device::MAP_PATH("/tmp/provisioning/.wget-x/../y"),
+              String((root() + "/tmp/provisioning/y").c_str()));
+    String mapped = "untouched";
+    XCode leaving = Device::MAP_PATH_CHECKED("/tmp/provisioning/../../etc/passwd", mapped);
+    EXPECT_EQ(leaving.getString(),
+              String("PATH LEAVES THE WORK DIRECTORY: /tmp/provisioning/../../etc/passwd"));
+    EXPECT_EQ(mapped, String("untouched"));
+}
+
+TEST_F(DeviceTest, withoutRootTheWorkDirectoryIsTheRealOne) {
+    Device::SET_ROOT("");
+    EXPECT_EQ(Device::MAP_PATH("/tmp/provisioning/file"), String("/tmp/provisioning/file"));
+}
+
 TEST_F(DeviceTest, otherPathsStayAsTheyAre) {
-    for (const char* path : {"/tmp/provisioning/file", "/flashy/x", "/etc/flash/x", "relative/x",
-                             "flash/x", "", "/", "/tmp/../etc/passwd"}) {
+    for (const char* path : {"/tmp/provisioningx/file", "/tmp/x", "/flashy/x", "/etc/flash/x",
+                             "relative/x", "flash/x", "", "/", "/tmp/../etc/passwd"}) {
         EXPECT_EQ(Device::MAP_PATH(path), String(path)) << path;
         String mapped = "untouched";
         EXPECT_TRUE(Device::MAP_PATH_CHECKED(path, mapped).isSuccess()) << path;
@@ -126,7 +145,8 @@ TEST_F(DeviceTest, prepareCreatesTheDeviceDirectories) {
         EXPECT_TRUE(fs::is_directory(path)) << path;
         EXPECT_EQ(modeOf(path), 0755U) << path;
     }
-    EXPECT_TRUE(fs::is_directory("/tmp/provisioning"));
+    EXPECT_TRUE(fs::is_directory(root() + "/tmp/provisioning"));
+    EXPECT_EQ(modeOf(root() + "/tmp/provisioning"), 0700U);
 }
 
 TEST_F(DeviceTest, prepareCreatesAMissingRootWithItsParents) {
@@ -142,6 +162,7 @@ TEST_F(DeviceTest, prepareIgnoresTheUmask) {
     ::umask(previous);
     ASSERT_TRUE(result.isSuccess());
     EXPECT_EQ(modeOf(root() + "/flash/dialplan"), 0755U);
+    EXPECT_EQ(modeOf(root() + "/tmp/provisioning"), 0700U);
 }
 
 TEST_F(DeviceTest, prepareIsIdempotentAndKeepsContent) {

@@ -357,15 +357,23 @@ TEST_F(KtFileTest, fileCanBeReopenedAfterClose) {
     EXPECT_TRUE(eof);
 }
 
-TEST_F(KtFileTest, workFilesOutsideFlashAreRealPaths) {
+TEST_F(KtFileTest, workFilesLiveInTheDevicesWorkDirectory) {
     const std::string name = "/tmp/provisioning/device-ktfile-" + std::to_string(::getpid());
+    const std::string hostPath = directory.path() + name;
     KtFile file(name.c_str());
-    EXPECT_EQ(file.getSystemPath(), String(name.c_str()));
+    EXPECT_EQ(file.getSystemPath(), String(hostPath.c_str()));
     ASSERT_TRUE(file.open(WRITE_CREATE, 0644, KtFile::XO_CLOSE_ON_EXEC).isSuccess());
     ASSERT_TRUE(file.close().isSuccess());
-    EXPECT_TRUE(fs::exists(name));
-    EXPECT_TRUE(file.remove().isSuccess());
+    EXPECT_TRUE(fs::exists(hostPath));
     EXPECT_FALSE(fs::exists(name));
+    EXPECT_TRUE(file.remove().isSuccess());
+    EXPECT_FALSE(fs::exists(hostPath));
+}
+
+TEST_F(KtFileTest, otherPathsOutsideFlashAreRealPaths) {
+    const std::string name = directory.path() + "/plain-" + std::to_string(::getpid());
+    KtFile file(name.c_str());
+    EXPECT_EQ(file.getSystemPath(), String(name.c_str()));
 }
 
 }  // namespace

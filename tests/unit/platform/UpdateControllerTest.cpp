@@ -54,7 +54,9 @@ class UpdateControllerTest : public ::testing::Test {
     void SetUp() override {
         Device::SET_ROOT(device.path().c_str());
         ASSERT_TRUE(Device::PREPARE().isSuccess());
-        archive = "/tmp/provisioning/" + provtest::uniqueName("ctl") + ".tar";
+        // A host path in the device's work directory: the controller uses it as it is.
+        archive = Device::MAP_PATH("/tmp/provisioning").str() + "/" + provtest::uniqueName("ctl") +
+                  ".tar";
     }
     void TearDown() override {
         UpdateController::CANCEL(&handler);
@@ -244,7 +246,7 @@ TEST_F(UpdateControllerTest, memberClimbingOutIsRefusedAndNothingLandsOutside) {
     EXPECT_EQ(end.result.getString(),
               String(("UNSAFE MEMBER IN ARCHIVE: sub/../" + escaped).c_str()));
     EXPECT_FALSE(provtest::fileExists(device.file("slots/2")));
-    EXPECT_FALSE(provtest::fileExists("/tmp/provisioning/" + escaped));
+    EXPECT_FALSE(provtest::fileExists(Device::MAP_PATH("/tmp/provisioning").str() + "/" + escaped));
     EXPECT_FALSE(provtest::fileExists("/tmp/" + escaped));
 }
 

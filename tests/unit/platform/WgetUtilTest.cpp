@@ -12,8 +12,13 @@
 
 namespace {
 
-using provtest::fileExists;
-using provtest::readFile;
+// The arguments name device paths; the files lie at their host paths.
+bool fileExists(const std::string& devicePath) {
+    return provtest::fileExists(Device::MAP_PATH(devicePath.c_str()).str());
+}
+std::string readFile(const std::string& devicePath) {
+    return provtest::readFile(Device::MAP_PATH(devicePath.c_str()).str());
+}
 
 const String URL("http://10.0.0.1/cfg.txt");
 const String OUT("/tmp/provisioning/cfg.txt");
@@ -43,7 +48,7 @@ bool hasArg(const std::vector<String>& args, const std::string& wanted) {
 
 unsigned int modeOf(const std::string& path) {
     struct stat info {};
-    if (::stat(path.c_str(), &info) != 0) {
+    if (::stat(Device::MAP_PATH(path.c_str()).c_str(), &info) != 0) {
         return 0xFFFFFFFF;
     }
     return info.st_mode & 07777;
@@ -51,17 +56,25 @@ unsigned int modeOf(const std::string& path) {
 
 bool isDirectory(const std::string& path) {
     struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+    return ::stat(Device::MAP_PATH(path.c_str()).c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
 std::string parentOf(const std::string& path) {
     return path.substr(0, path.rfind('/'));
 }
 
-// Releases what a test's buildArgs made, also when an assertion fails midway.
+// A device of its own; releases what a test's buildArgs made, also when an assertion fails midway.
 class WgetUtilTest : public ::testing::Test {
   protected:
-    void TearDown() override { WgetUtil::RELEASE_SECRETS(args); }
+    void SetUp() override {
+        Device::SET_ROOT(device.path().c_str());
+        ASSERT_TRUE(Device::PREPARE().isSuccess());
+    }
+    void TearDown() override {
+        WgetUtil::RELEASE_SECRETS(args);
+        Device::SET_ROOT("");
+    }
+    provtest::TempDir device{"wget-util-device"};
 
     XCode build(const String& user, const String& password, const String& https1 = "",
                 const String& https2 = "", const String& https3 = "", bool quiet = true,
@@ -304,25 +317,22 @@ TEST_F(WgetUtilTest, missingOrStandardOutputFileIsRefused) {
     }
 }
 
-TEST_F(WgetUtilTest, flashPathsAreMappedIntoTheDeviceDirectory) {
-    provtest::TempDir root("wget-util-root");
-    Device::SET_ROOT(root.path().c_str());
+TEST_F(WgetUtilTest, devicePathsStayInTheArgumentsForTheShellToMap) {
     XCode result = WgetUtil::buildArgs(true, URL, "", "", "/flash/out", "/flash/ca.pem",
                                        "/flash/client.pem", "/flash/client.key", false, args, "");
-    std::string expectedOut = root.path() + "/flash/out";
-    std::string expectedCa = root.path() + "/flash/ca.pem";
-    std::string expectedCert = root.path() + "/flash/client.pem";
-    std::string expectedKey = root.path() + "/flash/client.key";
-    std::vector<String> mapped = args;
+    ASSERT_TRUE(result.isSuccess());
+    EXPECT_TRUE(hasArg(args, "/flash/out"));
+    EXPECT_EQ(valueOf(args, "--ca-certificate="), "/flash/ca.pem");
+    EXPECT_EQ(valueOf(args, "--certificate="), "/flash/client.pem");
+    EXPECT_EQ(valueOf(args, "--private-key="), "/flash/client.key");
+    // The private directory is made at its host path, in the device's work directory.
+    std::string caDirectory = valueOf(args, "--ca-directory=");
+    EXPECT_EQ(caDirectory.rfind("/tmp/provisioning/.wget-", 0), 0U) << caDirectory;
+    EXPECT_TRUE(provtest::fileExists(device.path() + caDirectory));
+    WgetUtil::RELEASE_SECRETS(args);
+    EXPECT_FALSE(provtest::fileExists(device.path() + parentOf(caDirectory)));
     XCode leaving =
         WgetUtil::buildArgs(true, URL, "", "", "/flash/../../etc/x", "", "", "", false, args, "");
-    Device::SET_ROOT("");
-    ASSERT_TRUE(result.isSuccess());
-    EXPECT_TRUE(hasArg(mapped, expectedOut));
-    EXPECT_EQ(valueOf(mapped, "--ca-certificate="), expectedCa);
-    EXPECT_EQ(valueOf(mapped, "--certificate="), expectedCert);
-    EXPECT_EQ(valueOf(mapped, "--private-key="), expectedKey);
-    WgetUtil::RELEASE_SECRETS(mapped);
     EXPECT_TRUE(leaving.isErr());
     EXPECT_TRUE(args.empty());
 }

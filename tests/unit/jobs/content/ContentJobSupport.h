@@ -115,7 +115,8 @@ class ContentJobTest : public ::testing::Test {
         MON_XFER = &xfer;
         MON_EVENT = &event;
         unique = uniqueName("content");
-        workFile = "/tmp/provisioning/" + unique;
+        // The host path of a file in the device's work directory: the job uses it as it is.
+        workFile = Device::MAP_PATH(("/tmp/provisioning/" + unique).c_str()).str();
     }
     void TearDown() override {
         MON_PROV = nullptr;

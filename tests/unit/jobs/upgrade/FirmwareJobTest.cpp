@@ -41,7 +41,9 @@ class FirmwareJobTest : public ::testing::Test {
             requests.push_back(request);
             return intercept;
         });
-        workFile = "/tmp/provisioning/" + provtest::uniqueName("fw");
+        // The host path of a file in the device's work directory: the job uses it as it is.
+        workFile =
+            Device::MAP_PATH(("/tmp/provisioning/" + provtest::uniqueName("fw")).c_str()).str();
     }
     void TearDown() override {
         job.reset();
@@ -159,7 +161,8 @@ TEST_F(FirmwareJobTest, tarLocationTakesTheTarFlowAndHandsTheArchiveToTheControl
     EXPECT_GT(content, heading);
     EXPECT_GT(upgrading, content);
     // The extracted manifest stays where the tar flow put it.
-    EXPECT_EQ(provtest::readFile("/tmp/provisioning/manifest"), NEWER_MANIFEST);
+    EXPECT_EQ(provtest::readFile(Device::MAP_PATH("/tmp/provisioning/manifest").str()),
+              NEWER_MANIFEST);
 }
 
 TEST_F(FirmwareJobTest, tarSuffixWinsOverManifest) {

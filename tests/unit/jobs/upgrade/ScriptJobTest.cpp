@@ -43,7 +43,8 @@ class ScriptJobTest : public ::testing::Test {
             return XCode(XCode::SUCCESS);
         });
         jobName = provtest::uniqueName("script");
-        workFile = "/tmp/provisioning/" + jobName;
+        // The host path of a file in the device's work directory: the job uses it as it is.
+        workFile = Device::MAP_PATH(("/tmp/provisioning/" + jobName).c_str()).str();
     }
     void TearDown() override {
         job.reset();
