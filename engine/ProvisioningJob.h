@@ -184,9 +184,9 @@ class ProvisioningJob {
     void walkOnAfterFailure(XCode result, bool upload);
     [[nodiscard]] XCode startHttpDownload(bool https, unsigned int port, const String& path,
                                           const String& host);
-    // Looks up the challenged realm's credentials for a request to `host` and chooses what the
-    // authenticated retry sends to `origin`.
-    void chooseRetryCredentials(bool https, const String& origin, const String& host,
+    // Looks up the challenged realm's credentials for a request to `httpHost` and chooses what
+    // the authenticated retry sends to `origin`.
+    void chooseRetryCredentials(bool https, const String& origin, const String& httpHost,
                                 const String& realm, String& user, String& password);
     void onHttpFirstAttemptResult(bool https, const String& uri, const String& host,
                                   unsigned int port, XCode result);

@@ -115,11 +115,12 @@ void ProvisioningJob::onHttpFirstAttemptResult(bool https, const String& uri,
     }
 }
 
-void ProvisioningJob::chooseRetryCredentials(bool https, const String& origin, const String& host,
-                                             const String& realm, String& user, String& password) {
+void ProvisioningJob::chooseRetryCredentials(bool https, const String& origin,
+                                             const String& httpHost, const String& realm,
+                                             String& user, String& password) {
     // Without credentials for the realm the retry still goes ahead (the server's second answer
     // decides), with the user and password held from an earlier challenge where they may go.
-    if (credentials.getForHost(realm, host, realmUser, realmPassword).isSuccess()) {
+    if (credentials.getForHost(realm, httpHost, realmUser, realmPassword).isSuccess()) {
         realmOrigin = origin;
         if (https && !realmPassword.isEmpty()) {
             httpsPasswords.push_back(realmPassword);
