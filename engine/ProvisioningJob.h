@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include "expression/ExpressionResolver.h"
 #include "platform/KtEventLoop.h"
@@ -93,6 +94,9 @@ class ProvisioningJob {
     [[nodiscard]] XCode resolveLocationExpressions(String& location);
     [[nodiscard]] XCode createOutFile(const String& path);
     void removeOutFile();
+    // The held user and password (realmUser, realmPassword) when they may go to `origin`
+    // (UriUtil::buildOrigin), else both empty.
+    void heldCredentialsFor(const String& origin, String& user, String& password) const;
     void setProvisioningSubsystemStatus(bool busy) { SET_SUBSYSTEM_STATUS(busy); }
     // Touches no job: usable after the handler has destroyed the job.
     static void SET_SUBSYSTEM_STATUS(bool busy);
@@ -176,6 +180,10 @@ class ProvisioningJob {
     // destroyed job cancels deliveries still queued and is never called late.
     Kt::Shell::ResultCallback tftpResultCallback;
     Kt::Shell::OutputCallback tftpOutputCallback;
+    // Where realmUser and realmPassword were obtained: they go to no other origin.
+    String realmOrigin;
+    // Passwords obtained for HTTPS challenges: never sent over plain HTTP by this job.
+    std::vector<String> httpsPasswords;
 
     // Pops locations until one transfer starts; the last start error when none does.
     [[nodiscard]] XCode startFirstTransfer(bool upload);
@@ -183,6 +191,10 @@ class ProvisioningJob {
     void walkOnAfterFailure(XCode result, bool upload);
     [[nodiscard]] XCode startHttpDownload(bool https, unsigned int port, const String& path,
                                           const String& host);
+    // Looks up the challenged realm's credentials for a request to `httpHost` and chooses what
+    // the authenticated retry sends to `origin`.
+    void chooseRetryCredentials(bool https, const String& origin, const String& httpHost,
+                                const String& realm, String& user, String& password);
     void onHttpFirstAttemptResult(bool https, const String& uri, const String& host,
                                   unsigned int port, XCode result);
     void onHttpFinalResult(bool https, const String& uri, const String& host, unsigned int port,

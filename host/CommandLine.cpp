@@ -28,6 +28,7 @@ struct RawOptions {
     std::string reload = "none";
     std::vector<std::string> sets;
     std::vector<std::string> credentials;
+    std::string credentialsFile;
     std::string httpsAuth;
     std::string source = "cdr";
     std::string dialplan = "dialplan";
@@ -52,6 +53,7 @@ CLI::Option* addJobCommand(CLI::App& app, const String& kind, RawOptions& raw) {
     command->add_option("--reload", raw.reload, "reload type");
     command->add_option("--credential", raw.credentials, "REALM:USER:PASSWORD")
         ->allow_extra_args(false);
+    command->add_option("--credentials-file", raw.credentialsFile, "FILE");
     CLI::Option* httpsAuth = command->add_option("--https-auth", raw.httpsAuth, "CA,CERT,KEY");
     if (kind == "cdr-upload") {
         command->add_option("--source", raw.source, "source name");
@@ -121,6 +123,7 @@ ParseOutcome PARSE_COMMAND_LINE(int argc, char** argv, Options& options) {
     options.reload = raw.reload;
     options.sets = toStrings(raw.sets);
     options.credentials = toStrings(raw.credentials);
+    options.credentialsFile = raw.credentialsFile;
     options.httpsAuth = raw.httpsAuth;
     for (CLI::Option* httpsAuth : httpsAuthOptions) {
         if (httpsAuth->count() > 0) {

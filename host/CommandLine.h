@@ -15,6 +15,7 @@ struct Options {
     String reload = "none";
     std::vector<String> sets;         // "NAME=VALUE", in order
     std::vector<String> credentials;  // "REALM:USER:PASSWORD", in order
+    String credentialsFile;           // empty: none; "-": standard input
     bool httpsAuthGiven = false;
     String httpsAuth;  // "CA,CERT,KEY"
     String source = "cdr";

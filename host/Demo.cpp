@@ -21,6 +21,7 @@
 #include "host/StopSignals.h"
 #include "platform/Device.h"
 #include "platform/KtFile.h"
+#include "platform/PrivateFile.h"
 #include "platform/Shell.h"
 #include "platform/SimulatedSystemStatus.h"
 #include "platform/SlotState.h"
@@ -687,7 +688,8 @@ int RUN_DEMO(const DemoOptions& options) {
     DeviceSettings settings;
     ExpressionResolver resolver;
     ProvisioningCredentials credentials;
-    result = KtFile::WRITE_TEXT_FILE(demo.device + "/device.toml", DEVICE_TOML, false);
+    // It holds the realm's password: readable by its owner only, as provctl requires.
+    result = PrivateFile::WRITE(demo.device + "/device.toml", DEVICE_TOML);
     if (result.isSuccess()) {
         result = LOAD_DEVICE_FILE(demo.device + "/device.toml", settings);
     }

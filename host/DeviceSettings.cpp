@@ -2,12 +2,16 @@
 
 #include <toml++/toml.h>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
+
+#include "platform/PrivateFile.h"
 
 namespace Provctl {
 
 namespace {
+
+// Far more than any device file or credentials file needs.
+constexpr std::size_t MAX_SETTINGS_FILE = 1024 * 1024;
 
 XCode usageError(const char* format, const String& a, const String& b = String()) {
     XCode error(XCode::GENERIC_FAILURE);
@@ -70,7 +74,7 @@ XCode readTables(const toml::table& root, const String& path, DeviceSettings& se
             if (entry == nullptr) {
                 return usageError("%s: [credentials] '%s' is not a table", path, realm);
             }
-            for (const char* field : {"user", "password"}) {
+            for (const char* field : {"user", "password", "host"}) {
                 XCode result = checkString(*entry, field, "credentials." + realm, path);
                 if (result.isErr()) {
                     return result;
@@ -80,8 +84,8 @@ XCode readTables(const toml::table& root, const String& path, DeviceSettings& se
                 realm = String();
             }
             toml::node_view<const toml::node> view(entry);
-            settings.credentials[realm] = {stringField(view["user"]),
-                                           stringField(view["password"])};
+            settings.credentials[realm] = {stringField(view["user"]), stringField(view["password"]),
+                                           stringField(view["host"])};
         }
     }
     if (const toml::node* https = root.get("https")) {
@@ -104,6 +108,73 @@ XCode readTables(const toml::table& root, const String& path, DeviceSettings& se
     return XCode::SUCCESS;
 }
 
+bool holdsPasswords(const DeviceSettings& settings) {
+    for (const auto& entry : settings.credentials) {
+        if (!entry.second.password.isEmpty()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A file with passwords that others may read (or replace) gives them away: refused.
+XCode checkOwnerOnly(const String& path, const PrivateFile::Access& access) {
+    if (access.ownerOnly()) {
+        return XCode::SUCCESS;
+    }
+    XCode error(XCode::GENERIC_FAILURE);
+    error.setStringF(
+        "%s holds passwords but has mode %04o and owner uid %u: it must be owned by "
+        "uid %u and readable and writable by its owner only (chmod 600 %s)",
+        path.c_str(), access.mode, access.owner, access.effectiveUser, path.c_str());
+    return error;
+}
+
+XCode parseDeviceFile(const String& path, const String& text, DeviceSettings& settings) {
+    // toml++ reports through exceptions; they end here.
+    try {
+        toml::table root = toml::parse(text.str(), path.str());
+        return readTables(root, path, settings);
+    } catch (const toml::parse_error& error) {
+        const toml::source_position where = error.source().begin;
+        XCode result(XCode::GENERIC_FAILURE);
+        result.setStringF("%s:%u:%u: %s", path.c_str(), where.line, where.column,
+                          std::string(error.description()).c_str());
+        return result;
+    }
+}
+
+// One REALM:USER:PASSWORD; the password is everything after the second ':'.
+bool splitCredential(const String& text, String& realm, DeviceSettings::Credential& credential) {
+    String rest;
+    credential = DeviceSettings::Credential();
+    return text.split(':', realm, rest) && rest.split(':', credential.user, credential.password);
+}
+
+XCode parseCredentialLines(const String& what, const String& text, DeviceSettings& settings) {
+    std::vector<String> lines = text.split('\n');
+    for (std::size_t index = 0; index < lines.size(); ++index) {
+        String line = lines[index];
+        if (line.endsWith("\r")) {
+            line = line.substring(0, line.length() - 1);
+        }
+        if (line.isEmpty() || line.startsWith("#")) {
+            continue;
+        }
+        String realm;
+        DeviceSettings::Credential credential;
+        if (!splitCredential(line, realm, credential)) {
+            // The line itself is not shown: it may hold a password.
+            XCode error(XCode::GENERIC_FAILURE);
+            error.setStringF("%s:%u: expected REALM:USER:PASSWORD", what.c_str(),
+                             static_cast<unsigned int>(index + 1));
+            return error;
+        }
+        settings.credentials[realm] = credential;
+    }
+    return XCode::SUCCESS;
+}
+
 }  // namespace
 
 String DEFAULT_DEVICE_DIRECTORY() {
@@ -119,21 +190,49 @@ String DEFAULT_DEVICE_DIRECTORY() {
 }
 
 XCode LOAD_DEVICE_FILE(const String& path, DeviceSettings& settings) {
-    std::error_code ignored;
-    if (!std::filesystem::exists(path.str(), ignored)) {
-        return XCode::SUCCESS;
-    }
-    // toml++ reports through exceptions; they end here.
-    try {
-        toml::table root = toml::parse_file(path.str());
-        return readTables(root, path, settings);
-    } catch (const toml::parse_error& error) {
-        const toml::source_position where = error.source().begin;
-        XCode result(XCode::GENERIC_FAILURE);
-        result.setStringF("%s:%u:%u: %s", path.c_str(), where.line, where.column,
-                          std::string(error.description()).c_str());
+    String text;
+    PrivateFile::Access access;
+    bool exists = false;
+    XCode result = PrivateFile::READ(path, MAX_SETTINGS_FILE, text, access, exists);
+    if (result.isErr() || !exists) {
         return result;
     }
+    DeviceSettings fromFile;
+    result = parseDeviceFile(path, text, fromFile);
+    if (result.isSuccess() && holdsPasswords(fromFile)) {
+        result = checkOwnerOnly(path, access);
+    }
+    if (result.isSuccess()) {
+        settings = std::move(fromFile);
+    }
+    return result;
+}
+
+XCode LOAD_CREDENTIALS_FILE(const String& path, DeviceSettings& settings) {
+    String text;
+    XCode result;
+    String what = path;
+    if (path == "-") {
+        what = "standard input";
+        result = PrivateFile::READ_STANDARD_INPUT(MAX_SETTINGS_FILE, text);
+    } else {
+        PrivateFile::Access access;
+        bool exists = false;
+        result = PrivateFile::READ(path, MAX_SETTINGS_FILE, text, access, exists);
+        if (result.isSuccess() && !exists) {
+            result = usageError("%s: no such file", path);
+        }
+        if (result.isSuccess()) {
+            result = checkOwnerOnly(path, access);
+        }
+    }
+    if (result.isSuccess()) {
+        result = parseCredentialLines(what, text, settings);
+    }
+    if (result.isErr()) {
+        result.extendString("--credentials-file", ": ");
+    }
+    return result;
 }
 
 XCode APPLY_COMMAND_LINE(const Options& options, DeviceSettings& settings) {
@@ -145,15 +244,19 @@ XCode APPLY_COMMAND_LINE(const Options& options, DeviceSettings& settings) {
         }
         settings.values.emplace_back(name, value);
     }
-    for (const String& credential : options.credentials) {
-        String realm;
-        String rest;
-        String user;
-        String password;
-        if (!credential.split(':', realm, rest) || !rest.split(':', user, password)) {
-            return usageError("--credential %s: expected REALM:USER:PASSWORD", credential);
+    if (!options.credentialsFile.isEmpty()) {
+        XCode result = LOAD_CREDENTIALS_FILE(options.credentialsFile, settings);
+        if (result.isErr()) {
+            return result;
         }
-        settings.credentials[realm] = {user, password};
+    }
+    for (const String& text : options.credentials) {
+        String realm;
+        DeviceSettings::Credential credential;
+        if (!splitCredential(text, realm, credential)) {
+            return usageError("--credential %s: expected REALM:USER:PASSWORD", text);
+        }
+        settings.credentials[realm] = credential;
     }
     if (options.httpsAuthGiven) {
         std::vector<String> parts = options.httpsAuth.split(',');
@@ -181,7 +284,8 @@ XCode FILL_RESOLVER(const DeviceSettings& settings, ExpressionResolver& resolver
 
 XCode FILL_CREDENTIALS(const DeviceSettings& settings, ProvisioningCredentials& credentials) {
     for (const auto& [realm, credential] : settings.credentials) {
-        XCode result = credentials.add(realm, credential.user, credential.password);
+        XCode result =
+            credentials.add(realm, credential.user, credential.password, credential.host);
         if (result.isErr()) {
             return result;
         }

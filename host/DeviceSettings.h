@@ -19,6 +19,7 @@ struct DeviceSettings {
     struct Credential {
         String user;
         String password;
+        String host;  // empty: any host; else the only host that the credential is sent to
     };
 
     // NAME -> value in the order given; a later entry of the same name wins.
@@ -38,13 +39,21 @@ String DEFAULT_DEVICE_DIRECTORY();
 // Reads a device.toml. A missing file leaves `settings` empty and succeeds. Layout:
 //   [values]        "system.mac" = "00a0ba0b0c0d"   (names as for --set; strings only)
 //   [credentials]   "realm" = { user = "u", password = "p" }; the realm "*" (or "") is the
-//                   wild-card
+//                   wild-card; with host = "h" the credential is sent to that host only
+// A file that holds a password is refused unless it is owned by the effective user and neither
+// group nor others may read or write it.
 //   [https]         ca = "...", cert = "...", key = "..."
 // Other tables ([image] of older device files, for instance) are ignored.
 [[nodiscard]] XCode LOAD_DEVICE_FILE(const String& path, DeviceSettings& settings);
 
-// Puts --set, --credential and --https-auth over what the file gave.
+// Puts --set, the credentials file, --credential and --https-auth over what the file gave, in
+// this order.
 [[nodiscard]] XCode APPLY_COMMAND_LINE(const Options& options, DeviceSettings& settings);
+
+// Reads REALM:USER:PASSWORD lines (empty lines and lines starting with '#' are skipped) from
+// `path`, or from standard input when `path` is "-". A file is refused unless only its owner
+// (the effective user) may read or write it. Later lines win over earlier ones of a realm.
+[[nodiscard]] XCode LOAD_CREDENTIALS_FILE(const String& path, DeviceSettings& settings);
 
 // Writes the values into the resolver; an unknown name is an error naming it.
 [[nodiscard]] XCode FILL_RESOLVER(const DeviceSettings& settings, ExpressionResolver& resolver);

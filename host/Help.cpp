@@ -42,12 +42,14 @@ DEVICE DIRECTORY
     --device DIR, default $XDG_STATE_HOME/provctl/device (or ~/.local/state/provctl/device),
     created when missing. It holds device.toml (device values, credentials, HTTPS settings),
     flash/, config/, running-config, slots/, status/ and the work directory tmp/provisioning/.
-    See docs/PROVCTL.md.
+    See docs/PROVCTL.md. A device.toml that holds a password is refused unless it is yours and
+    only you may read and write it (chmod 600).
 
 EXIT STATUS
     0   the command succeeded
     1   the job failed, or the text could not be resolved
-    2   usage error (bad option, unknown device value, malformed device.toml)
+    2   usage error (bad option, unknown device value, malformed device.toml, a device.toml
+        or credentials file with passwords that others may read)
 
 EXAMPLES
     provctl demo
@@ -134,9 +136,17 @@ const char* const JOB_OPTIONS = R"PAGE(OPTIONS
     --compare           compare with the stored copy (or running version) before acting
     --reload WORD       reload type: immediate, graceful, deferred; anything else means none
     --set NAME=VALUE    device value for $(...) in locations (repeatable), as for resolve
+    --credentials-file FILE
+                        HTTP credentials, one REALM:USER:PASSWORD per line (empty lines and
+                        lines starting with '#' are skipped); FILE "-" is standard input.
+                        A FILE that others may read or write (mode other than 0600 or
+                        0400, or not yours) is refused. This keeps passwords off the
+                        command line; they win over device.toml
     --credential REALM:USER:PASSWORD
-                        HTTP credentials of a realm (repeatable); an empty REALM is the
-                        wild-card; the password is everything after the second ':'
+                        HTTP credentials of a realm (repeatable; wins over the file); an
+                        empty REALM is the wild-card; the password is everything after the
+                        second ':'. Unsafe on a shared host: every user can read a command
+                        line (ps, /proc/PID/cmdline); use --credentials-file instead
     --https-auth CA,CERT,KEY
                         the CA certificate, client certificate and client key for HTTPS
 %s    --json              print the outcome as one JSON object on standard output
@@ -155,7 +165,8 @@ OUTPUT
 EXIT STATUS
     0   the job succeeded
     1   the job failed
-    2   usage error
+    2   usage error (also: a device.toml with passwords, or a credentials file, that others
+        may read or write)
     128+N  interrupted by signal N (SIGINT, SIGTERM, SIGHUP, SIGQUIT, or SIGPIPE, 141, also
         when standard output or standard error is a closed pipe): the job's child process
         was ended and reaped, its work file and private files removed, the status set idle

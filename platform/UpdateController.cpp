@@ -38,6 +38,8 @@ constexpr int UNIQUE_PART_LENGTH = 6;  // mkdtemp's "XXXXXX"
 constexpr std::size_t COPY_CHUNK = 64 * 1024;
 // A manifest or a script is read whole; anything larger is not one.
 constexpr off_t MAX_TEXT_SIZE = 16 * 1024 * 1024;
+// What wget says when --max-redirect=0 stopped it at a redirect.
+constexpr const char* REDIRECT_REFUSED = "redirections exceeded";
 // Progress reports per image: one after each quarter.
 constexpr unsigned long long PROGRESS_STEPS = 4;
 
@@ -556,7 +558,20 @@ class Upgrade {
         return result;
     }
 
-    // Fetches `uri` into `localFile` with the request's credentials and HTTPS settings.
+    // The request's user and password go to the origin of the location it names (the
+    // manifest's) and to no other: not to an image that the manifest names elsewhere.
+    bool mayCarryCredentials(const String& uri) const {
+        if (request_.user.isEmpty() && request_.password.isEmpty()) {
+            return false;
+        }
+        String origin;
+        String allowed;
+        return UriUtil::originOf(uri, origin) &&
+               UriUtil::originOf(request_.files.front(), allowed) && origin == allowed;
+    }
+
+    // Fetches `uri` into `localFile` with the HTTPS settings, and with the request's credentials
+    // where they may go.
     XCode fetch(const String& uri, const String& localFile) {
         XCode result = checkStop();
         if (result.isErr()) {
@@ -573,6 +588,7 @@ class Upgrade {
         String command;
         std::vector<String> wgetArgs;
         bool valid = true;
+        bool withCredentials = false;
         if (scheme == "tftp") {
             command = "tftp -g -l";
             valid = appendWord(command, localFile) && (command += " -r", true) &&
@@ -582,10 +598,14 @@ class Upgrade {
             }
         } else if (scheme == "http" || scheme == "https") {
             bool https = scheme == "https";
-            result = WgetUtil::buildArgs(false, uri, request_.user, request_.password, localFile,
-                                         https ? request_.auth1 : String(),
-                                         https ? request_.auth2 : String(),
-                                         https ? request_.auth3 : String(), true, wgetArgs, "");
+            withCredentials = mayCarryCredentials(uri);
+            // A fetch with credentials follows no redirect: wget would answer the next server's
+            // challenge with them. Without credentials there is nothing to carry.
+            result = WgetUtil::buildArgs(
+                false, uri, withCredentials ? request_.user : String(),
+                withCredentials ? request_.password : String(), localFile,
+                https ? request_.auth1 : String(), https ? request_.auth2 : String(),
+                https ? request_.auth3 : String(), !withCredentials, wgetArgs, "");
             if (result.isErr()) {
                 return result.setStringF("CANNOT FETCH %s: %s", uri.c_str(),
                                          result.getString().c_str());
@@ -604,7 +624,10 @@ class Upgrade {
             result = failure("CANNOT FETCH %s: INVALID CHARACTER IN LOCATION", uri.c_str());
         } else {
             result = Kt::Shell::execute(command, &output);
-            if (result.isErr()) {
+            if (result.isErr() && withCredentials && output.indexOf(REDIRECT_REFUSED) >= 0) {
+                result.setStringF("CANNOT FETCH %s: REDIRECT NOT FOLLOWED WITH CREDENTIALS",
+                                  uri.c_str());
+            } else if (result.isErr()) {
                 result.setStringF("CANNOT FETCH %s: %s", uri.c_str(),
                                   describeToolFailure(result, output).c_str());
             }

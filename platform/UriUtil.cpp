@@ -116,4 +116,27 @@ String buildUri(const String& protocol, const String& host, unsigned int port, c
     return uri;
 }
 
+String buildOrigin(const String& scheme, const String& host, unsigned int port) {
+    String lowerScheme = scheme;
+    lowerScheme.toLowerCase();
+    String lowerHost = host;
+    lowerHost.toLowerCase();
+    if (port == 0) {
+        port = lowerScheme == "https" ? 443U : lowerScheme == "tftp" ? 69U : 80U;
+    }
+    String uri = buildUri(lowerScheme, lowerHost, port, String());
+    return uri.substring(0, uri.length() - 1);  // without the path's "/"
+}
+
+bool originOf(const String& uri, String& origin) {
+    String scheme, host, path, error;
+    unsigned int port = 0;
+    if (splitUri(uri, scheme, host, port, path, error).isErr()) {
+        origin = String();
+        return false;
+    }
+    origin = buildOrigin(scheme, host, port);
+    return true;
+}
+
 }  // namespace UriUtil

@@ -13,5 +13,12 @@ namespace UriUtil {
                              String& path, String& error);
 // scheme://host[:port]/path with exactly one slash between host and path; port 0 means none.
 String buildUri(const String& protocol, const String& host, unsigned int port, const String& path);
+// The origin of a location: "scheme://host:port" with scheme and host in lower case and the
+// scheme's default port written out (port 0 means the default: 80 for http, 443 for https, 69
+// for tftp), so that http://Host/ and http://host:80/ have the same origin. Credentials given
+// for one origin are sent to no other.
+String buildOrigin(const String& scheme, const String& host, unsigned int port);
+// The origin of `uri`; false (origin left empty) when it cannot be split.
+bool originOf(const String& uri, String& origin);
 
 }  // namespace UriUtil

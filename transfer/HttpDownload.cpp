@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "engine/Monitors.h"
 #include "engine/ProvisioningJob.h"
 #include "platform/UriUtil.h"
@@ -76,9 +78,10 @@ void ProvisioningJob::onHttpFirstAttemptResult(bool https, const String& uri,
         return;
     }
     const String& realm = httpClient->getRealm();
-    // Ignored on purpose: without credentials for the realm the retry goes ahead with whatever
-    // user and password the job holds, and the server's second answer decides.
-    static_cast<void>(credentials.get(realm, realmUser, realmPassword));
+    String user;
+    String password;
+    chooseRetryCredentials(https, UriUtil::buildOrigin(schemeOf(https), httpHost, httpPort),
+                           httpHost, realm, user, password);
     const char* n = name.c_str();
     if (https) {
         // The HTTPS lines align one column further left than the HTTP ones; intended.
@@ -86,13 +89,13 @@ void ProvisioningJob::onHttpFirstAttemptResult(bool https, const String& uri,
         ProvLog::progress("[%s]   From:  %s", n, uri.c_str());
         ProvLog::progress("[%s]   To:    %s", n, outFile.c_str());
         ProvLog::progress("[%s]   Realm: %s", n, realm.c_str());
-        ProvLog::progress("[%s]   User:  %s", n, realmUser.c_str());
+        ProvLog::progress("[%s]   User:  %s", n, user.c_str());
     } else {
         ProvLog::progress("[%s] Re-Starting HTTP download with authentication", n);
         ProvLog::progress("[%s]   From:   %s", n, uri.c_str());
         ProvLog::progress("[%s]   To:     %s", n, outFile.c_str());
         ProvLog::progress("[%s]   Realm:  %s", n, realm.c_str());
-        ProvLog::progress("[%s]   User:   %s", n, realmUser.c_str());
+        ProvLog::progress("[%s]   User:   %s", n, user.c_str());
     }
     Kt::Function<void(XCode)> completion(
         Kt::asyncCall(eventLoop),
@@ -101,15 +104,42 @@ void ProvisioningJob::onHttpFirstAttemptResult(bool https, const String& uri,
                   this, uri, httpHost, httpPort, std::placeholders::_1));
     XCode started;
     if (https) {
-        started = httpClient->getHttpsInBackground(uri, realmUser, realmPassword, outFile,
-                                                   authParam1, authParam2, authParam3, completion);
+        started = httpClient->getHttpsInBackground(uri, user, password, outFile, authParam1,
+                                                   authParam2, authParam3, completion);
     } else {
-        started =
-            httpClient->getHttpInBackground(uri, realmUser, realmPassword, outFile, completion);
+        started = httpClient->getHttpInBackground(uri, user, password, outFile, completion);
     }
     if (started.isErr()) {
         removeOutFile();
         onCurrentDownloadLocationFinished(started);
+    }
+}
+
+void ProvisioningJob::chooseRetryCredentials(bool https, const String& origin,
+                                             const String& httpHost, const String& realm,
+                                             String& user, String& password) {
+    // Without credentials for the realm the retry still goes ahead (the server's second answer
+    // decides), with the user and password held from an earlier challenge where they may go.
+    if (credentials.getForHost(realm, httpHost, realmUser, realmPassword).isSuccess()) {
+        realmOrigin = origin;
+        if (https && !realmPassword.isEmpty()) {
+            httpsPasswords.push_back(realmPassword);
+        }
+    }
+    heldCredentialsFor(origin, user, password);
+}
+
+void ProvisioningJob::heldCredentialsFor(const String& origin, String& user,
+                                         String& password) const {
+    const bool plainHttp = !origin.startsWith("https://");
+    const bool obtainedForHttps = std::find(httpsPasswords.begin(), httpsPasswords.end(),
+                                            realmPassword) != httpsPasswords.end();
+    if (origin == realmOrigin && !(plainHttp && obtainedForHttps)) {
+        user = realmUser;
+        password = realmPassword;
+    } else {
+        user = String();
+        password = String();
     }
 }
 

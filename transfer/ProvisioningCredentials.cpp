@@ -18,7 +18,12 @@ ProvisioningCredentials::~ProvisioningCredentials() = default;
 
 XCode ProvisioningCredentials::add(const String& realm, const String& user,
                                    const String& password) {
-    if (!table.insert(realm, Credentials{user, password})) {
+    return add(realm, user, password, String());
+}
+
+XCode ProvisioningCredentials::add(const String& realm, const String& user, const String& password,
+                                   const String& host) {
+    if (!table.insert(realm, Credentials{user, password, host})) {
         XCode result(-1);
         result.setStringF("Credentials for realm '%s' already exists.", realm.c_str());
         return result;
@@ -26,10 +31,26 @@ XCode ProvisioningCredentials::add(const String& realm, const String& user,
     return XCode();
 }
 
-XCode ProvisioningCredentials::get(const String& realm, String& user, String& password) const {
+const ProvisioningCredentials::Credentials* ProvisioningCredentials::findFor(
+    const String& realm, const String& host) const {
     const Credentials* found = table.find(realm);
+    if (found == nullptr || found->host.isEmpty()) {
+        return found;
+    }
+    String boundTo = found->host;
+    String asked = host;
+    return boundTo.toLowerCase() == asked.toLowerCase() ? found : nullptr;
+}
+
+XCode ProvisioningCredentials::get(const String& realm, String& user, String& password) const {
+    return getForHost(realm, String(), user, password);
+}
+
+XCode ProvisioningCredentials::getForHost(const String& realm, const String& host, String& user,
+                                          String& password) const {
+    const Credentials* found = findFor(realm, host);
     if (found == nullptr) {
-        found = table.find(WILD_CARD_REALM);
+        found = findFor(WILD_CARD_REALM, host);
     }
     if (found == nullptr) {
         XCode result(-1);
@@ -43,7 +64,7 @@ XCode ProvisioningCredentials::get(const String& realm, String& user, String& pa
 }
 
 XCode ProvisioningCredentials::get(String& user, String& password) const {
-    const Credentials* found = table.find(WILD_CARD_REALM);
+    const Credentials* found = findFor(WILD_CARD_REALM, String());
     if (found == nullptr) {
         XCode result(-1);
         result.setString("No credentials for wild-card realm found.");

@@ -102,10 +102,14 @@ XCode UpgradeProvisioningJob::startUpgradeFromLocation() {
             return XCode(-1).setString("Invalid protocol");
     }
     std::vector<String> files{UriUtil::buildUri(scheme, host, port, path), DESTINATION};
+    // Only what was obtained for this very origin goes with the manifest's location.
+    String user;
+    String password;
+    heldCredentialsFor(UriUtil::buildOrigin(scheme, host, port), user, password);
     String output;  // the controller's to fill; not read
-    return onUpgradeStarted(UpdateController::PERFORM_UPGRADE_IMAGE_JOB(
-        ACTION, files, "", realmUser, realmPassword, authParam1, authParam2, authParam3, output,
-        CALLER, this));
+    return onUpgradeStarted(
+        UpdateController::PERFORM_UPGRADE_IMAGE_JOB(ACTION, files, "", user, password, authParam1,
+                                                    authParam2, authParam3, output, CALLER, this));
 }
 
 XCode UpgradeProvisioningJob::onUpgradeStarted(XCode started) {

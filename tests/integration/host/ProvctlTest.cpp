@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -544,6 +545,7 @@ TEST_F(ProvctlHttpTest, realmCredentialsComeFromDeviceToml) {
     startWithAuth();
     writeFile(device() + "/device.toml",
               "[credentials]\ndev = { user = \"u\", password = \"p\" }\n");
+    ASSERT_EQ(::chmod((device() + "/device.toml").c_str(), 0600), 0);
     Outcome run = provctl({"key", "--device", device(), keyUrl()});
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(readFile(device() + "/flash/preferences/key"), "secret key\n");
@@ -553,6 +555,7 @@ TEST_F(ProvctlHttpTest, starRealmInDeviceTomlIsTheWildCard) {
     startWithAuth();
     writeFile(device() + "/device.toml",
               "[credentials]\n\"*\" = { user = \"u\", password = \"p\" }\n");
+    ASSERT_EQ(::chmod((device() + "/device.toml").c_str(), 0600), 0);
     Outcome run = provctl({"key", "--device", device(), keyUrl()});
     EXPECT_EQ(run.status, 0) << run.err;
 }
@@ -561,6 +564,7 @@ TEST_F(ProvctlHttpTest, credentialOptionOverridesDeviceToml) {
     startWithAuth();
     writeFile(device() + "/device.toml",
               "[credentials]\ndev = { user = \"u\", password = \"wrong\" }\n");
+    ASSERT_EQ(::chmod((device() + "/device.toml").c_str(), 0600), 0);
     Outcome wrong = provctl({"key", "--device", device(), keyUrl()});
     EXPECT_EQ(wrong.status, 1);
     Outcome right = provctl({"key", "--device", device(), "--credential", "dev:u:p", keyUrl()});

@@ -1,6 +1,7 @@
 #include "host/DeviceSettings.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "support/TempDir.h"
 
@@ -12,6 +13,8 @@ class DeviceSettingsTest : public ::testing::Test {
   protected:
     XCode load(const std::string& text) {
         provtest::writeFile(path(), text);
+        // A device file with passwords must be its owner's alone.
+        EXPECT_EQ(::chmod(path().c_str(), 0600), 0);
         return Provctl::LOAD_DEVICE_FILE(path().c_str(), settings);
     }
     std::string path() const { return dir_.file("device.toml"); }

@@ -171,4 +171,20 @@ TEST(UriUtilTest, builtUriSplitsBackIntoItsParts) {
     EXPECT_EQ(path, String("/dir/file.cfg"));
 }
 
+TEST(UriUtilTest, originNormalisesCaseAndDefaultPorts) {
+    EXPECT_EQ(UriUtil::buildOrigin("HTTP", "Prov.Example", 0), String("http://prov.example:80"));
+    EXPECT_EQ(UriUtil::buildOrigin("https", "h", 0), String("https://h:443"));
+    EXPECT_EQ(UriUtil::buildOrigin("tftp", "h", 0), String("tftp://h:69"));
+    EXPECT_EQ(UriUtil::buildOrigin("http", "::1", 8080), String("http://[::1]:8080"));
+    String a;
+    String b;
+    ASSERT_TRUE(UriUtil::originOf("http://Host/a/manifest", a));
+    ASSERT_TRUE(UriUtil::originOf("http://host:80/b/image.bin", b));
+    EXPECT_EQ(a, b);
+    ASSERT_TRUE(UriUtil::originOf("https://host/b", b));
+    EXPECT_NE(a, b);
+    EXPECT_FALSE(UriUtil::originOf("no-scheme", b));
+    EXPECT_EQ(b, String());
+}
+
 }  // namespace

@@ -178,4 +178,58 @@ TEST(ProvisioningCredentialsTest, realmsAreComparedAsBytes) {
     EXPECT_EQ(user, "plain");
 }
 
+// --- Credentials bound to a host ---
+
+TEST(ProvisioningCredentialsTest, boundCredentialGoesOnlyToItsHost) {
+    ProvisioningCredentials store;
+    ASSERT_TRUE(store.add("dev", "devuser", "devpass", "Prov.Example").isSuccess());
+    String user = "kept";
+    String password = "kept";
+    ASSERT_TRUE(store.getForHost("dev", "prov.example", user, password).isSuccess());
+    EXPECT_EQ(user, "devuser");
+    EXPECT_EQ(password, "devpass");
+    user = password = "kept";
+    XCode other = store.getForHost("dev", "other.example", user, password);
+    EXPECT_EQ(other.getString(), "Neither credentials for realm 'dev' nor wild-card realm found.");
+    EXPECT_EQ(user, "kept");
+    EXPECT_EQ(password, "kept");
+}
+
+TEST(ProvisioningCredentialsTest, wildCardAnswersForAHostARealmIsNotBoundTo) {
+    ProvisioningCredentials store;
+    ASSERT_TRUE(store.add("dev", "devuser", "devpass", "10.0.0.1").isSuccess());
+    ASSERT_TRUE(store.add("", "anyuser", "anypass").isSuccess());
+    String user;
+    String password;
+    ASSERT_TRUE(store.getForHost("dev", "10.0.0.2", user, password).isSuccess());
+    EXPECT_EQ(user, "anyuser");
+    ASSERT_TRUE(store.getForHost("dev", "10.0.0.1", user, password).isSuccess());
+    EXPECT_EQ(user, "devuser");
+}
+
+TEST(ProvisioningCredentialsTest, formsWithoutAHostNeverGiveOutABoundCredential) {
+    ProvisioningCredentials store;
+    ASSERT_TRUE(store.add("dev", "devuser", "devpass", "10.0.0.1").isSuccess());
+    ASSERT_TRUE(store.add("", "anyuser", "anypass", "10.0.0.1").isSuccess());
+    String user = "kept";
+    String password = "kept";
+    EXPECT_TRUE(store.get("dev", user, password).isErr());
+    EXPECT_TRUE(store.get(user, password).isErr());
+    EXPECT_EQ(user, "kept");
+    // Unbound entries answer every host, as before.
+    ASSERT_TRUE(store.add("lab", "labuser", "labpass").isSuccess());
+    ASSERT_TRUE(store.getForHost("lab", "anything", user, password).isSuccess());
+    EXPECT_EQ(user, "labuser");
+}
+
+TEST(ProvisioningCredentialsTest, copiesKeepTheBinding) {
+    ProvisioningCredentials store;
+    ASSERT_TRUE(store.add("dev", "devuser", "devpass", "10.0.0.1").isSuccess());
+    ProvisioningCredentials copy(store);
+    String user;
+    String password;
+    EXPECT_TRUE(copy.getForHost("dev", "10.0.0.2", user, password).isErr());
+    EXPECT_TRUE(copy.getForHost("dev", "10.0.0.1", user, password).isSuccess());
+}
+
 }  // namespace
