@@ -254,7 +254,8 @@ XCode APPLY_COMMAND_LINE(const Options& options, DeviceSettings& settings) {
         String realm;
         DeviceSettings::Credential credential;
         if (!splitCredential(text, realm, credential)) {
-            return usageError("--credential %s: expected REALM:USER:PASSWORD", text);
+            // The value is not echoed: a malformed one may still hold a password.
+            return usageError("--credential: expected REALM:USER:PASSWORD%s", String());
         }
         settings.credentials[realm] = credential;
     }

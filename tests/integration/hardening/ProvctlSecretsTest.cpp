@@ -258,3 +258,18 @@ TEST_F(ProvctlSecretsTest, credentialOptionStillWorks) {
 }
 
 }  // namespace
+
+namespace {
+
+// A malformed value ("user:password", the realm forgotten) is refused without being echoed: the
+// usage error goes to a terminal or a log that others may see.
+TEST_F(ProvctlSecretsTest, malformedCredentialOptionIsRefusedWithoutEchoingIt) {
+    ProvctlRun run = provctl({"key", "--device", device(), "--credential",
+                              std::string("devuser:") + PASSWORD, "http://127.0.0.1:9/x.key"});
+    EXPECT_EQ(run.status, 2) << run.output;
+    EXPECT_NE(run.output.find("--credential: expected REALM:USER:PASSWORD"), std::string::npos)
+        << run.output;
+    EXPECT_EQ(run.output.find(PASSWORD), std::string::npos) << run.output;
+}
+
+}  // namespace
