@@ -46,7 +46,9 @@ String DEFAULT_DEVICE_DIRECTORY();
 // Puts --set, --credential and --https-auth over what the file gave.
 [[nodiscard]] XCode APPLY_COMMAND_LINE(const Options& options, DeviceSettings& settings);
 
-// Writes the values into the resolver; an unknown name is an error naming it.
+// Writes the values into the resolver; an unknown name, and a value that holds "$(", is an error
+// naming it. This is the one place where the values of --set and device.toml (DHCP options 66
+// and 67 among them) reach the resolver.
 [[nodiscard]] XCode FILL_RESOLVER(const DeviceSettings& settings, ExpressionResolver& resolver);
 
 // Adds every credential to the store.
