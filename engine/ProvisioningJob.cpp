@@ -79,6 +79,10 @@ const char* ProvisioningJob::IMAGE_ACTION_TO_STRING(ImageAction action) {
     return "(invalid)";
 }
 
+XCode ProvisioningJob::checkBeforeStart() {
+    return testExpression(true);
+}
+
 XCode ProvisioningJob::onFailedFileDownload() {
     return testExpression(false).setString("ACTION FOR FAIL NOT IMPLEMENTED");
 }
@@ -98,7 +102,10 @@ XCode ProvisioningJob::execute() {
     ProvLog::progress("[%s] Starting execution", name.c_str());
 
     DB::Ptr<DB::SystemProvisioningStatusRecord> status;
-    if (locations.isEmpty()) {
+    result = checkBeforeStart();
+    if (result.isErr()) {
+        // Reported below like any failure to start.
+    } else if (locations.isEmpty()) {
         result = testExpression(false).setString("NO LOCATIONS CONFIGURED");
     } else {
         result = DB::Table::SystemProvisioningStatus::find(

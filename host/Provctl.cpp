@@ -11,6 +11,7 @@
 #include "host/Report.h"
 #include "host/StderrMonitors.h"
 #include "host/StopSignals.h"
+#include "jobs/upgrade/ScriptProvisioningJob.h"
 #include "platform/Device.h"
 #include "platform/Shell.h"
 #include "platform/SimulatedSystemStatus.h"
@@ -72,7 +73,24 @@ bool isUpgradeJob(const String& kind) {
     return kind == "firmware" || kind == "script";
 }
 
+// A script's name names its fingerprint file in flash; false (message printed) when it would
+// reach outside "/flash/provisioning/".
+bool checkScriptName(const Options& options) {
+    if (options.command != "script" || options.name.isEmpty() ||
+        ScriptProvisioningJob::IS_VALID_NAME(options.name)) {
+        return true;
+    }
+    std::fprintf(stderr,
+                 "provctl: --name %s: a script's name is one file name in /flash/provisioning "
+                 "(not \".\" or \"..\", no \"/\")\n",
+                 options.name.c_str());
+    return false;
+}
+
 int runJob(const Options& options) {
+    if (!checkScriptName(options)) {
+        return EXIT_USAGE;
+    }
     const String directory = deviceDirectory(options);
     DeviceSettings settings;
     JobRequest request;
