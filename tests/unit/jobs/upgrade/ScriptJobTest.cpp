@@ -311,7 +311,7 @@ TEST_F(ScriptJobTest, destroyedJobIsNeverCalledBack) {
 
 // --- names that would reach outside /flash/provisioning/ ------------------------------------
 
-class ScriptNameTest : public ScriptJobTest {
+class ScriptJobNameTest : public ScriptJobTest {
   protected:
     // A job of that name with one location on a server that is never asked.
     XCode executeNamed(const std::string& name) {
@@ -327,7 +327,7 @@ class ScriptNameTest : public ScriptJobTest {
     }
 };
 
-TEST_F(ScriptNameTest, nameOutsideTheFingerprintDirectoryIsRefusedBeforeAnyTransfer) {
+TEST_F(ScriptJobNameTest, nameOutsideTheFingerprintDirectoryIsRefusedBeforeAnyTransfer) {
     provtest::writeFile(device.file("flash/preferences/key"), "old key\n");
     for (const std::string& name :
          {std::string("../preferences/key"), std::string(".."), std::string("."), std::string(""),
@@ -349,7 +349,7 @@ TEST_F(ScriptNameTest, nameOutsideTheFingerprintDirectoryIsRefusedBeforeAnyTrans
     }
 }
 
-TEST_F(ScriptNameTest, oneFileNameIsAValidName) {
+TEST_F(ScriptJobNameTest, oneFileNameIsAValidName) {
     for (const char* name : {"script", "a..b", ".hidden", "...", "nightly.sh", "x y"}) {
         EXPECT_TRUE(ScriptProvisioningJob::IS_VALID_NAME(name)) << name;
     }
