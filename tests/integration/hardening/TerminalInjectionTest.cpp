@@ -147,9 +147,11 @@ TEST_F(TerminalInjectionTest, provctlPrintsTftpErrorTextEscaped) {
 TEST_F(TerminalInjectionTest, provctlPrintsManifestRealmAndLocationEscaped) {
     FixtureServer server;
     const std::string base = "/" + unique;
-    // A bare manifest: the firmware job logs its content.
-    server.route(base + "/manifest", {FixtureResponse::ok("sw_type=X" + HOSTILE_UTF8 +
-                                                          "\nsw_version=1.2\nsw_build_num=7\n")});
+    // A bare manifest, its work file named after the test (removed by the fixture).
+    const std::string manifest = "/" + remote(".manifest");
+    // The firmware job logs a manifest's content.
+    server.route(manifest, {FixtureResponse::ok("sw_type=X" + HOSTILE_UTF8 +
+                                                "\nsw_version=1.2\nsw_build_num=7\n")});
     server.route(base + "/auth.cfg",
                  {FixtureResponse::challenge("Basic realm=\"" + HOSTILE_UTF8 + "\"")});
     server.route(
@@ -158,13 +160,13 @@ TEST_F(TerminalInjectionTest, provctlPrintsManifestRealmAndLocationEscaped) {
     ASSERT_TRUE(server.start());
 
     ProvctlOutcome firmware = runProvctl(
-        runs, {"firmware", "-v", "6", "--device", provctlDevice(), server.url(base + "/manifest")});
+        runs, {"firmware", "-v", "6", "--device", provctlDevice(), server.url(manifest)});
     EXPECT_NE(firmware.err.find("sw_type=X" + HOSTILE_UTF8_ESCAPED), std::string::npos)
         << firmware.err;
     EXPECT_TRUE(noRawControlPrinted(firmware));
     // The result quotes the manifest; as JSON too it reaches the terminal escaped.
-    ProvctlOutcome json = runProvctl(
-        runs, {"firmware", "--json", "--device", provctlDevice(), server.url(base + "/manifest")});
+    ProvctlOutcome json =
+        runProvctl(runs, {"firmware", "--json", "--device", provctlDevice(), server.url(manifest)});
     EXPECT_NE(json.out.find("\"ok\""), std::string::npos) << json.out;
     EXPECT_TRUE(noRawControlPrinted(json));
 
