@@ -96,6 +96,10 @@ const char* ProvisioningJob::IMAGE_ACTION_TO_STRING(ImageAction action) {
     return "(invalid)";
 }
 
+XCode ProvisioningJob::checkBeforeStart() {
+    return testExpression(true);
+}
+
 XCode ProvisioningJob::onFailedFileDownload() {
     return testExpression(false).setString("ACTION FOR FAIL NOT IMPLEMENTED");
 }
@@ -116,7 +120,10 @@ XCode ProvisioningJob::execute() {
     ProvLog::progress("[%s] Starting execution", name.c_str());
 
     DB::Ptr<DB::SystemProvisioningStatusRecord> status;
-    if (locations.isEmpty()) {
+    result = checkBeforeStart();
+    if (result.isErr()) {
+        // Reported below like any failure to start.
+    } else if (locations.isEmpty()) {
         result = testExpression(false).setString("NO LOCATIONS CONFIGURED");
     } else {
         result = DB::Table::SystemProvisioningStatus::find(

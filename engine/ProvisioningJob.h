@@ -78,6 +78,9 @@ class ProvisioningJob {
     unsigned int getLocationsTried() const { return locationsTried; }
 
   protected:
+    // At the start of execute(), before anything is looked up or transferred: an error ends the
+    // job at once with that error. The default lets every job start.
+    [[nodiscard]] virtual XCode checkBeforeStart();
     // Hooks of the derived jobs; the defaults fail.
     // After a download location failed (not after a redirect, not for uploads).
     [[nodiscard]] virtual XCode onFailedFileDownload();

@@ -32,18 +32,32 @@ const NamedGetter EXPRESSION_NAMES[] = {
 
 const String EXPRESSION_START = "$(";
 
+int expressionCount(const String& text) {
+    int found = 0;
+    for (int at = text.indexOf(EXPRESSION_START); at >= 0;
+         at = text.indexOf(EXPRESSION_START, at + 2)) {
+        ++found;
+    }
+    return found;
+}
+
 }  // namespace
 
 ExpressionResolver::ExpressionResolver() = default;
 
 ExpressionResolver::~ExpressionResolver() = default;
 
+bool ExpressionResolver::HOLDS_EXPRESSION(const String& value) {
+    return value.indexOf(EXPRESSION_START) >= 0;
+}
+
 XCode ExpressionResolver::replaceAllExpressions(String& text) const {
     int count = 0;
+    const int limit = expressionCount(text) + MAX_EXTRA_REPLACEMENTS;
     // Every pass searches from the very start: a value that brings a "$(" along is resolved again.
     for (int start = text.indexOf(EXPRESSION_START); start >= 0;
          start = text.indexOf(EXPRESSION_START)) {
-        XCode result = replaceSubExpression(text, count, start);
+        XCode result = replaceNested(text, count, start, limit, 0);
         if (result.isErr()) {
             return result;
         }
@@ -52,6 +66,15 @@ XCode ExpressionResolver::replaceAllExpressions(String& text) const {
 }
 
 XCode ExpressionResolver::replaceSubExpression(String& text, int& count, int start) const {
+    return replaceNested(text, count, start, count + expressionCount(text) + MAX_EXTRA_REPLACEMENTS,
+                         0);
+}
+
+XCode ExpressionResolver::replaceNested(String& text, int& count, int start, int limit,
+                                        int depth) const {
+    if (count >= limit || depth >= MAX_NESTING) {
+        return testExpression(false);
+    }
     const int inner = start + 2;
     int next = text.indexOf(EXPRESSION_START, inner);
     int close = text.indexOf(')', inner);
@@ -59,7 +82,7 @@ XCode ExpressionResolver::replaceSubExpression(String& text, int& count, int sta
         return testExpression(false);
     }
     while (next >= 0 && next < close) {
-        XCode result = replaceSubExpression(text, count, next);
+        XCode result = replaceNested(text, count, next, limit, depth + 1);
         if (result.isErr()) {
             return result;
         }

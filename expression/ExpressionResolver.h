@@ -34,11 +34,26 @@ class ExpressionResolver {
     // Replaces every expression in `text`, in place. Success when no "$(" is left, otherwise the
     // first error; the replacements made before the error stay in `text` and the failing
     // expression stays as written. After each replacement the text is searched again from its
-    // start, so a value that contains "$(" is resolved again: the values must be free of it.
+    // start, so a value that contains "$(" is resolved again: the values must be free of it. A
+    // resolution that does not end by itself fails: see MAX_EXTRA_REPLACEMENTS and MAX_NESTING.
     [[nodiscard]] XCode replaceAllExpressions(String& text) const;
     // Resolves the expression whose "$(" begins at `start`, and every expression nested in it,
-    // adding one to `count` per expression replaced.
+    // adding one to `count` per expression replaced. The same limits hold, counted from this
+    // call's `count` and `text`.
     [[nodiscard]] XCode replaceSubExpression(String& text, int& count, int start) const;
+    // A text resolves with at most one replacement per "$(" it holds plus this many: values free
+    // of "$(" never need more (each replacement removes one "$(" and brings none), and the spare
+    // ones leave room for a value ending in '$' that joins the text after it into one more
+    // expression. A value that brings "$(" along (itself, another value that names it back, or
+    // two copies of itself) would otherwise be resolved forever.
+    static constexpr int MAX_EXTRA_REPLACEMENTS = 64;
+    // Expressions nest at most this deep; deeper text (from a redirect, say) fails instead of
+    // exhausting the stack.
+    static constexpr int MAX_NESTING = 64;
+    // True when `value` holds "$(": a device value that would be resolved again. The host
+    // refuses such a value where it is set.
+    static bool HOLDS_EXPRESSION(const String& value);
+
     // Resolves a body (the text between "$(" and ")", free of nested expressions) into `value`.
     [[nodiscard]] XCode replaceExpression(const String& expr, String& value) const;
     // Looks a system value up by its expression name. "system.mac-encrypted" and
@@ -109,4 +124,10 @@ class ExpressionResolver {
     String hwVersion;
     String hwRevision;
     String swVersion;
+
+  private:
+    // replaceSubExpression with the number of replacements that ends the resolution and the
+    // nesting depth of the expression at `start`.
+    [[nodiscard]] XCode replaceNested(String& text, int& count, int start, int limit,
+                                      int depth) const;
 };

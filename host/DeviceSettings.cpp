@@ -278,6 +278,13 @@ XCode FILL_RESOLVER(const DeviceSettings& settings, ExpressionResolver& resolver
         if (slot == nullptr) {
             return usageError("unknown device value '%s'", name);
         }
+        if (ExpressionResolver::HOLDS_EXPRESSION(value)) {
+            // The resolver would take it for an expression and resolve it again, without end.
+            return usageError(
+                "device value '%s' may not hold \"$(\" (it would be resolved as an "
+                "expression)",
+                name);
+        }
         *slot = value;
     }
     return XCode::SUCCESS;

@@ -55,7 +55,9 @@ String DEFAULT_DEVICE_DIRECTORY();
 // (the effective user) may read or write it. Later lines win over earlier ones of a realm.
 [[nodiscard]] XCode LOAD_CREDENTIALS_FILE(const String& path, DeviceSettings& settings);
 
-// Writes the values into the resolver; an unknown name is an error naming it.
+// Writes the values into the resolver; an unknown name, and a value that holds "$(", is an error
+// naming it. This is the one place where the values of --set and device.toml (DHCP options 66
+// and 67 among them) reach the resolver.
 [[nodiscard]] XCode FILL_RESOLVER(const DeviceSettings& settings, ExpressionResolver& resolver);
 
 // Adds every credential to the store.

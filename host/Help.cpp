@@ -115,14 +115,16 @@ DESCRIPTION
 
 OPTIONS
     --device DIR        the simulated device directory
-    --set NAME=VALUE    a device value (repeatable; the last one of a name wins)
+    --set NAME=VALUE    a device value (repeatable; the last one of a name wins); a value may
+                        not hold "$(" (it would be resolved as an expression again)
     --help              this page
 
 EXIT STATUS
     0   resolved; the text is printed
     1   an expression could not be resolved; standard output stays empty and standard error
         gets a message beginning with "CANNOT RESOLVE ALL EXPRESSIONS"
-    2   usage error: unknown NAME, --set without '=', malformed device.toml
+    2   usage error: unknown NAME, --set without '=', a value holding "$(", malformed
+        device.toml
 
 EXAMPLES
     provctl resolve --set system.mac=00a0ba0b0c0d 'tftp://10.0.0.1/$(system.mac).cfg'
@@ -132,7 +134,8 @@ EXAMPLES
 const char* const JOB_OPTIONS = R"PAGE(OPTIONS
     --device DIR        the simulated device directory (default: per-user, created when missing)
     --name NAME         job name (default: the command's name); also names the script's
-                        fingerprint file flash/provisioning/NAME
+                        fingerprint file flash/provisioning/NAME, so for script it must be
+                        one file name (not "." or "..", no "/")
     --compare           compare with the stored copy (or running version) before acting
     --reload WORD       reload type: immediate, graceful, deferred; anything else means none
     --set NAME=VALUE    device value for $(...) in locations (repeatable), as for resolve

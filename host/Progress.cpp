@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "platform/Device.h"
+#include "platform/Monitor.h"
 
 namespace Provctl {
 
@@ -41,9 +42,10 @@ bool IS_TERMINAL() {
 }
 
 void WRITE(const String& text) {
+    const String escaped = RTD::Monitor::ESCAPE_CONTROLS(text);
     std::lock_guard<std::mutex> lock(stderrMutex());
     eraseStatus();
-    std::fwrite(text.data(), 1, static_cast<std::size_t>(text.length()), stderr);
+    std::fwrite(escaped.data(), 1, static_cast<std::size_t>(escaped.length()), stderr);
     std::fflush(stderr);
 }
 
@@ -51,9 +53,10 @@ void SHOW_STATUS(const String& line) {
     if (!IS_TERMINAL()) {
         return;
     }
+    const String escaped = RTD::Monitor::ESCAPE_CONTROLS(line);
     std::lock_guard<std::mutex> lock(stderrMutex());
     std::fputs("\r", stderr);
-    std::fwrite(line.data(), 1, static_cast<std::size_t>(line.length()), stderr);
+    std::fwrite(escaped.data(), 1, static_cast<std::size_t>(escaped.length()), stderr);
     std::fputs("\033[K", stderr);
     std::fflush(stderr);
     g_statusShown = true;

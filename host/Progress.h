@@ -15,9 +15,11 @@ namespace Stderr {
 
 // Whether standard error is a terminal (checked once).
 bool IS_TERMINAL();
-// Writes `text` (whole lines) to standard error.
+// Writes `text` (whole lines) to standard error, control characters escaped
+// (RTD::Monitor::ESCAPE_CONTROLS).
 void WRITE(const String& text);
-// Shows `line` as the status line (terminal only; a line end in it is not allowed).
+// Shows `line` as the status line (terminal only; a line end in it is not allowed), control
+// characters escaped.
 void SHOW_STATUS(const String& line);
 // Erases the status line if one is shown.
 void CLEAR_STATUS();

@@ -12,7 +12,9 @@
 #include "host/Report.h"
 #include "host/StderrMonitors.h"
 #include "host/StopSignals.h"
+#include "jobs/upgrade/ScriptProvisioningJob.h"
 #include "platform/Device.h"
+#include "platform/Monitor.h"
 #include "platform/Shell.h"
 #include "platform/SimulatedSystemStatus.h"
 #include "platform/SystemStatus.h"
@@ -31,8 +33,13 @@ String deviceDirectory(const Options& options) {
     return options.device.isEmpty() ? DEFAULT_DEVICE_DIRECTORY() : options.device;
 }
 
+// Messages may quote device values, locations and server text.
+void printError(const String& message) {
+    Stderr::WRITE("provctl: " + message + "\n");
+}
+
 void printError(const XCode& error) {
-    std::fprintf(stderr, "provctl: %s\n", error.getString().c_str());
+    printError(error.getString());
 }
 
 // The device file and the command line together; false (message printed) on a usage error.
@@ -63,11 +70,12 @@ int runResolve(const Options& options) {
     XCode result = resolver.replaceAllExpressions(text);
     if (result.isErr()) {
         result.extendString("CANNOT RESOLVE ALL EXPRESSIONS", ": ");
-        std::fprintf(stderr, "%s\n", result.toString().c_str());
+        Stderr::WRITE(result.toString() + "\n");
         return EXIT_FAILED;
     }
-    std::fwrite(text.data(), 1, static_cast<std::size_t>(text.length()), stdout);
-    std::fputc('\n', stdout);
+    // The values may come from a DHCP server.
+    const String shown = RTD::Monitor::ESCAPE_CONTROLS(text + "\n");
+    std::fwrite(shown.data(), 1, static_cast<std::size_t>(shown.length()), stdout);
     return EXIT_OK;
 }
 
@@ -75,7 +83,24 @@ bool isUpgradeJob(const String& kind) {
     return kind == "firmware" || kind == "script";
 }
 
+// A script's name names its fingerprint file in flash; false (message printed) when it would
+// reach outside "/flash/provisioning/".
+bool checkScriptName(const Options& options) {
+    if (options.command != "script" || options.name.isEmpty() ||
+        ScriptProvisioningJob::IS_VALID_NAME(options.name)) {
+        return true;
+    }
+    printError(
+        String::format("--name %s: a script's name is one file name in /flash/provisioning "
+                       "(not \".\" or \"..\", no \"/\")",
+                       options.name.c_str()));
+    return false;
+}
+
 int runJob(const Options& options) {
+    if (!checkScriptName(options)) {
+        return EXIT_USAGE;
+    }
     const String directory = deviceDirectory(options);
     DeviceSettings settings;
     JobRequest request;
@@ -147,8 +172,7 @@ int runJob(const Options& options) {
     if (isUpgradeJob(request.kind) && !outcome.interrupted) {
         XCode applied = APPLY_TO_SLOTS(outcome, request.reloadType);
         if (applied.isErr()) {
-            std::fprintf(stderr, "provctl: cannot update the slot state: %s\n",
-                         applied.toString().c_str());
+            printError("cannot update the slot state: " + applied.toString());
         }
     }
     DRIVER::INSTANCE().unregisterAll();

@@ -1,5 +1,7 @@
 #include "host/Report.h"
 
+#include "platform/Monitor.h"
+
 namespace Provctl {
 
 nlohmann::ordered_json OUTCOME_TO_JSON(const JobOutcome& outcome) {
@@ -45,11 +47,14 @@ String OUTCOME_TO_TEXT(const String& name, const JobOutcome& outcome) {
     } else {
         text.concatf("result: %s\n", outcome.result.toString().c_str());
     }
-    return text;
+    // The result and the status location may come from a server (a status line, a redirect).
+    return RTD::Monitor::ESCAPE_CONTROLS(text);
 }
 
 String DUMP_JSON(const nlohmann::ordered_json& object) {
-    return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    // ASCII only: JSON escapes the C0 controls itself, and with ensure_ascii also the C1 ones
+    // (as \u0080 to \u009F), so no server text reaches a terminal raw.
+    return object.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 }  // namespace Provctl

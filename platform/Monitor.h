@@ -10,7 +10,9 @@ namespace RTD {
 
 // A named log channel with an enabled level: a line of level L is written when L is not greater
 // than the enabled level (smaller numbers are more important). Where the lines go is the host's
-// choice (the sink); without a sink they are dropped. Thread-safe.
+// choice (the sink); without a sink they are dropped. Every line reaches the sink with
+// ESCAPE_CONTROLS applied: lines carry text from servers and tools, and none of it may drive the
+// terminal that shows the log. Thread-safe.
 class Monitor {
   public:
     using Sink = std::function<void(const Monitor& monitor, int level, const String& line)>;
@@ -28,6 +30,14 @@ class Monitor {
     void setLevel(int level);
     bool isEnabled(int level) const { return level <= getLevel(); }
     void setSink(Sink sink);
+
+    // `text` with every byte that could drive a terminal written as "\xHH" (two upper-case hex
+    // digits): the C0 controls but line feed and tab, DEL, the C1 controls (U+0080 to U+009F,
+    // the bytes of their UTF-8 form), and every byte that is not part of valid UTF-8 (a lone
+    // 0x9B is a control sequence to a terminal that is not in UTF-8). Line feeds stay: they
+    // separate the lines of a multi-line message, and the host writes each line on its own.
+    // Printable ASCII and valid UTF-8 stay as they are. Applying it twice changes nothing more.
+    static String ESCAPE_CONTROLS(const String& text);
 
   private:
     void write(int level, const String& line);

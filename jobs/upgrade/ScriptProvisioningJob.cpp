@@ -16,6 +16,18 @@ ScriptProvisioningJob::ScriptProvisioningJob(KtEventLoop& loop, const String& jo
     : UpgradeProvisioningJob(loop, jobName, reload, compare, jobLocations, jobCredentials, resolver,
                              handler) {}
 
+bool ScriptProvisioningJob::IS_VALID_NAME(const String& name) {
+    return !name.isEmpty() && name != "." && name != ".." && name.indexOf('/') < 0 &&
+           name.indexOf('\0') < 0;
+}
+
+XCode ScriptProvisioningJob::checkBeforeStart() {
+    if (!IS_VALID_NAME(name)) {
+        return testExpression(false).setStringF("INVALID SCRIPT NAME '%s'", name.c_str());
+    }
+    return testExpression(true);
+}
+
 XCode ScriptProvisioningJob::onFailedFileDownload() {
     ProvLog::progress("[%s] FAILED TO DOWNLOAD SCRIPT", name.c_str());
     return testExpression(true);

@@ -15,7 +15,15 @@ class ScriptProvisioningJob : public UpgradeProvisioningJob {
                           ProvisioningJob::CallbackHandler& handler);
     ~ScriptProvisioningJob() override = default;
 
+    // Whether `name` may name a script job: its fingerprint lies in "/flash/provisioning/<name>",
+    // so the name must be one file name there: not empty, not "." or "..", without '/' (and
+    // without NUL, which would end the path early).
+    static bool IS_VALID_NAME(const String& name);
+
   protected:
+    // Refuses a name that would put the fingerprint outside "/flash/provisioning/", before
+    // anything is downloaded, run or stored.
+    [[nodiscard]] XCode checkBeforeStart() override;
     [[nodiscard]] XCode onFailedFileDownload() override;
     [[nodiscard]] XCode onSuccessfulFileDownload() override;
     void onUpgradeTerminated(const String& text, XCode result, bool first, bool second) override;

@@ -290,6 +290,91 @@ TEST_F(ExpressionResolverTest, chosenPlaceholderIsCopiedAsItStands) {
     EXPECT_EQ(text, "SN4711");
 }
 
+// --- resolutions that would not end by themselves ---------------------------------------------
+
+TEST_F(ExpressionResolverTest, valueNamingItselfEndsWithGenericFailure) {
+    resolver.tftpFileName = "$(dhcp.67)";
+    String text = "tftp://server/$(dhcp.67)";
+    expectGenericFailure(resolver.replaceAllExpressions(text));
+    EXPECT_EQ(text, "tftp://server/$(dhcp.67)");
+}
+
+TEST_F(ExpressionResolverTest, twoValuesNamingEachOtherEndWithGenericFailure) {
+    resolver.tftpServer = "$(dhcp.67)";
+    resolver.tftpFileName = "$(dhcp.66)";
+    String text = "tftp://$(dhcp.66)/cfg";
+    expectGenericFailure(resolver.replaceAllExpressions(text));
+    EXPECT_GE(text.indexOf("$(dhcp."), 0);
+}
+
+TEST_F(ExpressionResolverTest, valueDoublingItselfEndsWithGenericFailure) {
+    resolver.tftpFileName = "$(dhcp.67)$(dhcp.67)";
+    String text = "$(dhcp.67)";
+    expectGenericFailure(resolver.replaceAllExpressions(text));
+    // Every replacement adds one expression of the value's length, and they are limited.
+    EXPECT_LE(text.length(),
+              (1 + ExpressionResolver::MAX_EXTRA_REPLACEMENTS) * resolver.tftpFileName.length());
+}
+
+TEST_F(ExpressionResolverTest, valueNamingItselfInsideNestedExpressionEnds) {
+    // Resolved again inside the outer expression, before the outer body is taken.
+    resolver.tftpFileName = "$(dhcp.67)";
+    String text = "$(system.sw.major=$(dhcp.67)|x|y)";
+    expectGenericFailure(resolver.replaceAllExpressions(text));
+}
+
+TEST_F(ExpressionResolverTest, replaceSubExpressionWithValueNamingItselfEnds) {
+    resolver.macAddress = "$(system.mac)";
+    String text = "a/$(system.sw.major=$(system.mac)|x|y)";
+    int count = 0;
+    expectGenericFailure(resolver.replaceSubExpression(text, count, 2));
+    EXPECT_LE(count, 2 + ExpressionResolver::MAX_EXTRA_REPLACEMENTS);
+}
+
+TEST_F(ExpressionResolverTest, textWithManyExpressionsIsNotLimited) {
+    std::string text;
+    std::string expected;
+    for (int i = 0; i < 3 * ExpressionResolver::MAX_EXTRA_REPLACEMENTS; ++i) {
+        text += "/$(system.serial)$(system.sw.major=$(cli.major)|x|y)";
+        expected += "/SN4711x";
+    }
+    String resolved = text.c_str();
+    EXPECT_TRUE(resolver.replaceAllExpressions(resolved).isSuccess());
+    EXPECT_EQ(resolved, expected.c_str());
+}
+
+TEST_F(ExpressionResolverTest, nestingDeeperThanTheLimitFails) {
+    // As a redirect's Location could bring it: a stack's worth of nested expressions.
+    std::string open;
+    std::string close;
+    for (int i = 0; i < 200000; ++i) {
+        open += "$(";
+        close += ")";
+    }
+    String deep = (open + "system.serial" + close).c_str();
+    expectGenericFailure(resolver.replaceAllExpressions(deep));
+}
+
+TEST_F(ExpressionResolverTest, nestingUpToTheLimitResolves) {
+    // cli.major is 5; each level compares it with 5 and yields "cli.major" again.
+    std::string text = "cli.major";
+    for (int i = 1; i < ExpressionResolver::MAX_NESTING; ++i) {
+        text = "$(" + text + "=5|cli.major)";
+    }
+    text = "$(" + text + ")";
+    String nested = text.c_str();
+    EXPECT_TRUE(resolver.replaceAllExpressions(nested).isSuccess()) << text;
+    EXPECT_EQ(nested, "5");
+}
+
+TEST(ExpressionResolverValuesTest, holdsExpressionFindsTheExpressionStart) {
+    EXPECT_TRUE(ExpressionResolver::HOLDS_EXPRESSION("$("));
+    EXPECT_TRUE(ExpressionResolver::HOLDS_EXPRESSION("a$(b"));
+    EXPECT_FALSE(ExpressionResolver::HOLDS_EXPRESSION(""));
+    EXPECT_FALSE(ExpressionResolver::HOLDS_EXPRESSION("a$b(c)"));
+    EXPECT_FALSE(ExpressionResolver::HOLDS_EXPRESSION("$"));
+}
+
 // --- replaceSubExpression ----------------------------------------------------------------------
 
 TEST_F(ExpressionResolverTest, replaceSubExpressionCountsEveryReplacedExpression) {

@@ -189,6 +189,64 @@ TEST(MonitorTest, concurrentWritersLoseNoLine) {
     }
 }
 
+// --- control characters ---------------------------------------------------------------------
+
+struct EscapeCase {
+    const char* name;
+    std::string text;
+    std::string expected;
+};
+
+TEST(MonitorEscapeTest, controlsAreWrittenAsHexAndTextStays) {
+    const EscapeCase cases[] = {
+        {"plainAscii", "[job] File downloaded: 'a' -> 'b' ~",
+         "[job] File downloaded: 'a' -> 'b' ~"},
+        {"lineFeedAndTabStay", "a\n\tb\n", "a\n\tb\n"},
+        {"escapeSequences", "\x1b]0;pwned\x07\x1b[2J", "\\x1B]0;pwned\\x07\\x1B[2J"},
+        {"carriageReturn", "ok\rfake", "ok\\x0Dfake"},
+        {"nulAndBackspace", std::string("a\0b\bc", 5), "a\\x00b\\x08c"},
+        {"delete", "a\x7f", "a\\x7F"},
+        {"utf8Stays", "Gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x93\x9e",
+         "Gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x93\x9e"},
+        {"c1InUtf8",
+         "a\xc2\x9b"
+         "31m",
+         "a\\xC2\\x9B31m"},
+        {"noBreakSpaceStays", "\xc2\xa0", "\xc2\xa0"},
+        {"loneC1Byte",
+         "\x9b"
+         "31m",
+         "\\x9B31m"},
+        {"truncatedSequence", "\xe2\x82", "\\xE2\\x82"},
+        {"overlongSlash", "\xc0\xaf", "\\xC0\\xAF"},
+        {"surrogate", "\xed\xa0\x80", "\\xED\\xA0\\x80"},
+        {"aboveUnicode", "\xf4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},
+        {"backslashStays", "C:\\x41", "C:\\x41"},
+    };
+    for (const EscapeCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        const String text(c.text.data(), c.text.size());
+        const String escaped = RTD::Monitor::ESCAPE_CONTROLS(text);
+        EXPECT_EQ(escaped.str(), c.expected);
+        EXPECT_EQ(RTD::Monitor::ESCAPE_CONTROLS(escaped).str(), c.expected);
+    }
+}
+
+TEST(MonitorEscapeTest, everyLineReachesTheSinkEscaped) {
+    Capture capture;
+    RTD::Monitor monitor("PROV", 6, capture.sink());
+    monitor.monitor(6, "%s", "title\x1b]0;x\x07");
+    monitor.monitorPrefix(6, "[TFTP] ", "%s", "tftp: server error: (1) \x1b[2Jgone\r\n");
+    logThroughVmonitor(monitor, 6, "%s\n%s", "first", "second\x9b");
+    logThroughVmonitorPrefix(monitor, 6, "[p\x1b] ", "%s", "x");
+    auto lines = capture.lines();
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[0].text, "title\\x1B]0;x\\x07");
+    EXPECT_EQ(lines[1].text, "[TFTP] tftp: server error: (1) \\x1B[2Jgone\\x0D\n");
+    EXPECT_EQ(lines[2].text, "first\nsecond\\x9B");
+    EXPECT_EQ(lines[3].text, "[p\\x1B] x");
+}
+
 TEST(MonitorRepositoryTest, monitorIfEnabledForLogging) {
     RTD::Monitor monitor("PROV", 4);
     EXPECT_EQ(RTD::REPOSITORY::GET_MONITOR_IF_ENABLED_FOR_LOGGING(&monitor, 4), &monitor);

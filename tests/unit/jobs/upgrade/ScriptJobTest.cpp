@@ -309,3 +309,50 @@ TEST_F(ScriptJobTest, destroyedJobIsNeverCalledBack) {
 }
 
 }  // namespace
+
+// --- names that would reach outside /flash/provisioning/ ------------------------------------
+
+class ScriptJobNameTest : public ScriptJobTest {
+  protected:
+    // A job of that name with one location on a server that is never asked.
+    XCode executeNamed(const std::string& name) {
+        KtList<String> locations;
+        locations.pushBack("tftp://127.0.0.1/scripts/run.manifest");
+        job = std::make_unique<OpenScriptJob>(loop, String(name.data(), name.size()),
+                                              ProvisioningJob::None, false, locations, credentials,
+                                              resolver, handler);
+        XCode result;
+        loop.post([&] { result = job->execute(); });
+        loop.runPending();
+        return result;
+    }
+};
+
+TEST_F(ScriptJobNameTest, nameOutsideTheFingerprintDirectoryIsRefusedBeforeAnyTransfer) {
+    provtest::writeFile(device.file("flash/preferences/key"), "old key\n");
+    for (const std::string& name :
+         {std::string("../preferences/key"), std::string(".."), std::string("."), std::string(""),
+          std::string("a/b"), std::string("/flash/preferences/key"), std::string("..\0x", 4)}) {
+        SCOPED_TRACE(name);
+        handler.results.clear();
+        prov.clear();
+        XCode result = executeNamed(name);
+        EXPECT_TRUE(result.isErr());
+        EXPECT_EQ(result.getString(),
+                  String::format("INVALID SCRIPT NAME '%s'", std::string(name.c_str()).c_str()));
+        loop.runPending();
+        ASSERT_EQ(handler.results.size(), 1u);
+        EXPECT_EQ(handler.results[0].getString(), result.getString());
+        EXPECT_LT(prov.find("Trying to download"), 0) << prov.dump();
+        EXPECT_FALSE(job->isAsyncPending());
+        EXPECT_TRUE(requests.empty());
+        EXPECT_EQ(provtest::readFile(device.file("flash/preferences/key")), "old key\n");
+    }
+}
+
+TEST_F(ScriptJobNameTest, oneFileNameIsAValidName) {
+    for (const char* name : {"script", "a..b", ".hidden", "...", "nightly.sh", "x y"}) {
+        EXPECT_TRUE(ScriptProvisioningJob::IS_VALID_NAME(name)) << name;
+    }
+    EXPECT_FALSE(ScriptProvisioningJob::IS_VALID_NAME("a/"));
+}
