@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 
 #include "expression/ExpressionResolver.h"
@@ -58,6 +59,11 @@ class ProvisioningJob {
     static ReloadType STRING_TO_RELOAD_TYPE(const String& text);
     static const char* RELOAD_TYPE_TO_STRING(ReloadType reloadType);
     static const char* IMAGE_ACTION_TO_STRING(ImageAction imageAction);
+    // Reads a file of the work directory whole. Links, special files, files with more than one
+    // link and files over `cap` bytes are refused unread ("<failure>: FILE TOO LARGE: ...");
+    // a file that cannot be read fails with the message `failure`.
+    [[nodiscard]] static XCode READ_WORK_FILE(const String& path, String& content, std::size_t cap,
+                                              const char* failure);
 
     // What the handler reads after jobFinished.
     const String& getName() const { return name; }

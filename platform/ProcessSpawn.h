@@ -23,7 +23,10 @@ int FIND_PROGRAM(const String& name, String& path);
 // `outFd` and standard error on `errFd` (-1: /dev/null), all signal dispositions at their
 // defaults and every other descriptor closed. Returns 0 or an errno; a started child must be
 // reaped by the caller (and counted through STARTED / REAPED).
-int SPAWN(const String& path, const std::vector<String>& argv, int outFd, int errFd, pid_t& pid);
+// `fileSizeLimit` (bytes, 0: none) is the largest file the child may write (RLIMIT_FSIZE); a child
+// with a limit also writes no core file, and passing the limit kills it with SIGXFSZ.
+int SPAWN(const String& path, const std::vector<String>& argv, int outFd, int errFd, pid_t& pid,
+          std::size_t fileSizeLimit = 0);
 
 // Bookkeeping of children started and not yet reaped, for Shell::RUNNING_COMMANDS.
 void STARTED();

@@ -66,6 +66,17 @@ class Shell {
     // streams as the command wrote them; without it they go to /dev/null.
     [[nodiscard]] static XCode execute(const String& commandLine, String* output = nullptr);
 
+    // Limits put on a child before it runs.
+    struct Limits {
+        // The largest file the child may write, in bytes (0: no limit). A child that tries to
+        // write more is killed (SIGXFSZ, without a core file) and reported as "FILE TOO LARGE:
+        // <program> tried to write more than <n> bytes to a file". The file keeps the first n.
+        std::size_t fileSize = 0;
+    };
+    // As above, with limits.
+    [[nodiscard]] static XCode execute(const String& commandLine, String* output,
+                                       const Limits& limits);
+
     static std::vector<String> SPLIT_WORDS(const String& commandLine);
 
     // Program names that the device knows under another name on this host: "tftp" runs the
