@@ -59,9 +59,9 @@ class ProvisioningJob {
     static ReloadType STRING_TO_RELOAD_TYPE(const String& text);
     static const char* RELOAD_TYPE_TO_STRING(ReloadType reloadType);
     static const char* IMAGE_ACTION_TO_STRING(ImageAction imageAction);
-    // Reads a file of the work directory whole. Links, special files, files with more than one
-    // link and files over `cap` bytes are refused unread ("<failure>: FILE TOO LARGE: ...");
-    // a file that cannot be read fails with the message `failure`.
+    // Reads a file of the work directory whole. Links, special files and files with more than
+    // one link are refused unread, as files that cannot be read: with the message `failure`.
+    // A file over `cap` bytes is refused with "<failure>: FILE TOO LARGE: ...".
     [[nodiscard]] static XCode READ_WORK_FILE(const String& path, String& content, std::size_t cap,
                                               const char* failure);
 

@@ -77,8 +77,8 @@ void ProvisioningJob::addXferLogEntry(const String& result, const String& detail
 XCode ProvisioningJob::READ_WORK_FILE(const String& path, String& content, std::size_t cap,
                                       const char* failure) {
     XCode result = FileNode::READ_CAPPED(path, content, cap);
-    if (FileNode::IS_REFUSAL(result)) {
-        result.extendString(failure, ": ");  // the reason stays visible behind the job's text
+    if (FileNode::IS_TOO_LARGE(result)) {
+        result.extendString(failure, ": ");  // the cap stays visible behind the job's text
     } else if (result.isErr()) {
         result.setString(failure);
     }

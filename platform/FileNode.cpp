@@ -189,8 +189,8 @@ String WHY_NOT_PLAIN(const Info& info) {
     return String::format("is %s", KIND_NAME(info.kind));
 }
 
-bool IS_REFUSAL(const XCode& result) {
-    return result.getValue() == XCode::GENERIC_FAILURE;
+bool IS_TOO_LARGE(const XCode& result) {
+    return result == XCode::fromErrno(EFBIG);
 }
 
 XCode REMOVE_WITHOUT_FOLLOWING(const String& path) {
@@ -259,8 +259,8 @@ XCode READ_CAPPED(const String& path, String& content, std::size_t cap) {
         } else {
             content.append(buffer, static_cast<std::size_t>(got));
             if (content.str().size() > cap) {
-                result = refusal().setStringF("FILE TOO LARGE: %s is larger than %zu bytes",
-                                              path.c_str(), cap);
+                result = XCode::fromErrno(EFBIG).setStringF(
+                    "FILE TOO LARGE: %s is larger than %zu bytes", path.c_str(), cap);
             }
         }
     }

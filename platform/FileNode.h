@@ -47,14 +47,14 @@ const char* KIND_NAME(Kind kind);
 String WHY_NOT_PLAIN(const Info& info);
 
 // Reads the file at `path` whole, at most `cap` bytes. Anything but a regular file with one link
-// is refused before it is opened ("UNSAFE FILE: <path> is a FIFO"); the open itself uses
-// O_NOFOLLOW and O_NONBLOCK, so a name changed into a link or a FIFO meanwhile is neither
-// followed nor waited for. A longer file is refused with "FILE TOO LARGE: <path> is larger than
-// <cap> bytes" after reading cap + 1 bytes at most. Refusals carry the generic failure (see
-// IS_REFUSAL); a failing system call its errno.
+// is refused before it is opened ("UNSAFE FILE: <path> is a FIFO", the generic failure); the open
+// itself uses O_NOFOLLOW and O_NONBLOCK, so a name changed into a link or a FIFO meanwhile is
+// neither followed nor waited for. A longer file is refused with "FILE TOO LARGE: <path> is
+// larger than <cap> bytes" (see IS_TOO_LARGE) after reading cap + 1 bytes at most. A failing
+// system call gives its errno.
 [[nodiscard]] XCode READ_CAPPED(const String& path, String& content, std::size_t cap);
-// True for a refusal of READ_CAPPED, as opposed to a file that could not be read.
-bool IS_REFUSAL(const XCode& result);
+// True for the refusal of READ_CAPPED of a file over its cap.
+bool IS_TOO_LARGE(const XCode& result);
 
 // Caps on what is read from, or extracted into, the work directory. Platform settings, set by
 // the host or a test before jobs run.

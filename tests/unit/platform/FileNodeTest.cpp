@@ -131,7 +131,7 @@ TEST_F(FileNodeTest, readCappedRefusesAFileOverTheCap) {
     provtest::writeFile(work.file("plain"), "0123456789");
     String content;
     XCode result = FileNode::READ_CAPPED(at("plain"), content, 9);
-    EXPECT_TRUE(FileNode::IS_REFUSAL(result));
+    EXPECT_TRUE(FileNode::IS_TOO_LARGE(result));
     EXPECT_EQ(result.getString(),
               String::format("FILE TOO LARGE: %s is larger than 9 bytes", at("plain").c_str()));
     EXPECT_TRUE(content.isEmpty());
@@ -151,17 +151,18 @@ TEST_F(FileNodeTest, readCappedRefusesLinksAndSpecialFilesUnread) {
     for (const auto& [name, why] : expected) {
         String content;
         XCode result = FileNode::READ_CAPPED(at(name), content, 1024);
-        EXPECT_TRUE(FileNode::IS_REFUSAL(result)) << name;
+        EXPECT_TRUE(result.isErr()) << name;
+        EXPECT_FALSE(FileNode::IS_TOO_LARGE(result)) << name;
         EXPECT_EQ(result.getString(), String::format("UNSAFE FILE: %s %s", at(name).c_str(), why));
         EXPECT_TRUE(content.isEmpty()) << name;
     }
 }
 
-TEST_F(FileNodeTest, readCappedOfNothingIsAnErrorNotARefusal) {
+TEST_F(FileNodeTest, readCappedOfNothingIsAnErrorNotTooLarge) {
     String content;
     XCode result = FileNode::READ_CAPPED(at("none"), content, 1024);
     EXPECT_TRUE(result.isErr());
-    EXPECT_FALSE(FileNode::IS_REFUSAL(result));
+    EXPECT_FALSE(FileNode::IS_TOO_LARGE(result));
 }
 
 TEST_F(FileNodeTest, capsAreSettings) {
