@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <vector>
 
@@ -59,6 +60,11 @@ class ProvisioningJob {
     static ReloadType STRING_TO_RELOAD_TYPE(const String& text);
     static const char* RELOAD_TYPE_TO_STRING(ReloadType reloadType);
     static const char* IMAGE_ACTION_TO_STRING(ImageAction imageAction);
+    // Reads a file of the work directory whole. Links, special files and files with more than
+    // one link are refused unread, as files that cannot be read: with the message `failure`.
+    // A file over `cap` bytes is refused with "<failure>: FILE TOO LARGE: ...".
+    [[nodiscard]] static XCode READ_WORK_FILE(const String& path, String& content, std::size_t cap,
+                                              const char* failure);
 
     // What the handler reads after jobFinished.
     const String& getName() const { return name; }

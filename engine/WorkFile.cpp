@@ -1,13 +1,34 @@
 #include "engine/Monitors.h"
 #include "engine/ProvisioningJob.h"
 #include "platform/Device.h"
+#include "platform/FileNode.h"
 #include "platform/KtFile.h"
 
 namespace {
 constexpr const char* WORK_DIRECTORY = "/tmp/provisioning/";
-constexpr int OPEN_WRITE_CREATE = 65;  // O_WRONLY | O_CREAT: the transfer replaces the content
-// Only the job reads its work file: a key or a configuration may hold secrets.
-constexpr unsigned int WORK_FILE_MODE = 0600;
+constexpr int OPEN_WRITE_ONLY = 1;
+// Private to the device's processes: a work file may hold a key or a configuration.
+constexpr unsigned int MODE_0600 = 0600;
+
+// Creates `file` as a new inode. Whatever had the name goes first, without being followed: a
+// link planted there (by an archive, or another user) would have the download written wherever
+// it points, and an earlier file may still be held open by a tool that outlived its job and
+// keeps writing; the job must never store what such a tool writes. A directory under the name
+// stays: nothing can be written through it, and the creation fails.
+XCode createFreshFile(const String& file) {
+    FileNode::Info info;
+    XCode result = FileNode::INSPECT(file, info);
+    if (result.isSuccess() && info.kind != FileNode::Kind::Directory) {
+        result = FileNode::REMOVE_WITHOUT_FOLLOWING(file);
+    }
+    if (result.isSuccess()) {
+        KtFile created(file, true, false);
+        result =
+            created.open(OPEN_WRITE_ONLY | KtFile::OPEN_CREATE_EXCLUSIVE | KtFile::OPEN_NO_FOLLOW,
+                         MODE_0600, KtFile::XO_CLOSE_ON_EXEC);
+    }
+    return result;
+}
 }  // namespace
 
 XCode ProvisioningJob::createOutFile(const String& locationPath) {
@@ -26,8 +47,7 @@ XCode ProvisioningJob::createOutFile(const String& locationPath) {
         result = Device::CHECK_WORK_DIRECTORY();
     }
     if (result.isSuccess()) {
-        KtFile file(outFile, true, false);
-        result = file.open(OPEN_WRITE_CREATE, WORK_FILE_MODE, KtFile::XO_CLOSE_ON_EXEC);
+        result = createFreshFile(outFile);
         if (result.isErr()) {
             result.setStringF("FAILED TO CREATE FILE: %s", outFile.c_str());
         }
@@ -56,4 +76,15 @@ void ProvisioningJob::addXferLogEntry(const String& result, const String& detail
                      downloadLocation.c_str(), uploadLocation.c_str(), detail.c_str(),
                      result.c_str());
     }
+}
+
+XCode ProvisioningJob::READ_WORK_FILE(const String& path, String& content, std::size_t cap,
+                                      const char* failure) {
+    XCode result = FileNode::READ_CAPPED(path, content, cap);
+    if (FileNode::IS_TOO_LARGE(result)) {
+        result.extendString(failure, ": ");  // the cap stays visible behind the job's text
+    } else if (result.isErr()) {
+        result.setString(failure);
+    }
+    return result;
 }

@@ -45,6 +45,9 @@ void syncDirectoryOf(const String& systemPath) {
 
 }  // namespace
 
+const int KtFile::OPEN_CREATE_EXCLUSIVE = O_CREAT | O_EXCL;
+const int KtFile::OPEN_NO_FOLLOW = O_NOFOLLOW;
+
 KtFile::KtFile(const String& path, bool mapped, bool /*unused*/)
     : path_(path), systemPath_(path), mapped_(mapped) {
     if (mapped) {

@@ -19,6 +19,10 @@ class KtFile {
   public:
     enum XOFlag { XO_NONE = 0, XO_CLOSE_ON_EXEC = 1 };
 
+    // open(2) flags for callers that include no system header: O_CREAT | O_EXCL, O_NOFOLLOW.
+    static const int OPEN_CREATE_EXCLUSIVE;
+    static const int OPEN_NO_FOLLOW;
+
     // `mapped`: map device paths (true everywhere in the engine); `unused` is kept for the
     // device library's signature.
     KtFile(const String& path, bool mapped = true, bool unused = false);

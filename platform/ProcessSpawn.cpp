@@ -3,9 +3,12 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <pthread.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -174,6 +177,89 @@ char* const* toolEnvironment() {
     return environment;
 }
 
+// The child's side of spawnLimited: posix_spawn's setup above, done by hand, then the limits,
+// then exec. Only async-signal-safe calls; every signal is blocked until the dispositions are
+// back at their defaults. An exec that fails writes its errno to `report`.
+[[noreturn]] void runLimitedChild(const char* path, char* const* argv, char* const* environment,
+                                  int outFd, int errFd, int devNull, int report,
+                                  std::size_t fileSizeLimit) {
+    struct sigaction defaults {};
+    defaults.sa_handler = SIG_DFL;
+    sigemptyset(&defaults.sa_mask);
+    for (int signal = 1; signal < NSIG; ++signal) {
+        if (signal != SIGKILL && signal != SIGSTOP) {
+            (void)::sigaction(signal, &defaults, nullptr);  // invalid numbers fail; nothing to do
+        }
+    }
+    const rlimit fileSize{static_cast<rlim_t>(fileSizeLimit), static_cast<rlim_t>(fileSizeLimit)};
+    const rlimit noCore{0, 0};
+    sigset_t none;
+    sigemptyset(&none);
+    int error = 0;
+    if (::setpgid(0, 0) != 0 || ::setrlimit(RLIMIT_FSIZE, &fileSize) != 0 ||
+        ::setrlimit(RLIMIT_CORE, &noCore) != 0 || ::dup2(devNull, STDIN_FILENO) < 0 ||
+        ::dup2(outFd >= 0 ? outFd : devNull, STDOUT_FILENO) < 0 ||
+        ::dup2(errFd >= 0 ? errFd : devNull, STDERR_FILENO) < 0 ||
+        // Close-on-exec rather than closed: `report` must stay open until the exec succeeds.
+        ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) != 0 ||
+        ::sigprocmask(SIG_SETMASK, &none, nullptr) != 0) {
+        error = errno;
+    } else {
+        ::execve(path, argv, environment);
+        error = errno;
+    }
+    (void)!::write(report, &error, sizeof error);  // the parent reads EOF as success otherwise
+    ::_exit(127);
+}
+
+// posix_spawn has no attribute for resource limits, and a limit set on this process around the
+// spawn would hold, for that moment, for all of its threads (a large store on another thread would
+// be killed by SIGXFSZ) and for the children they start. A child with limits is therefore made
+// with fork and sets them itself before exec.
+int spawnLimited(const String& path, char* const* argv, char* const* environment, int outFd,
+                 int errFd, std::size_t fileSizeLimit, pid_t& pid) {
+    int report[2] = {-1, -1};
+    if (::pipe2(report, O_CLOEXEC) != 0) {
+        return errno;
+    }
+    const int devNull = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (devNull < 0) {
+        const int error = errno;
+        ::close(report[0]);
+        ::close(report[1]);
+        return error;
+    }
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &previous);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        runLimitedChild(path.c_str(), argv, environment, outFd, errFd, devNull, report[1],
+                        fileSizeLimit);
+    }
+    int error = child < 0 ? errno : 0;
+    ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    ::close(report[1]);
+    ::close(devNull);
+    if (child > 0) {
+        ssize_t got;
+        do {
+            got = ::read(report[0], &error, sizeof error);
+        } while (got < 0 && errno == EINTR);
+        if (got == static_cast<ssize_t>(sizeof error)) {
+            int status = 0;
+            while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+            }
+        } else {
+            error = 0;
+            pid = child;
+        }
+    }
+    ::close(report[0]);
+    return error;
+}
+
 }  // namespace
 
 const char* const TOOL_PATH = "/usr/sbin:/usr/bin:/sbin:/bin";
@@ -207,20 +293,26 @@ int FIND_PROGRAM(const String& name, String& path) {
     return error;
 }
 
-int SPAWN(const String& path, const std::vector<String>& argv, int outFd, int errFd, pid_t& pid) {
-    SpawnSetup setup;
-    int error = setup.prepare(outFd, errFd);
-    if (error != 0) {
-        return error;
-    }
+int SPAWN(const String& path, const std::vector<String>& argv, int outFd, int errFd, pid_t& pid,
+          std::size_t fileSizeLimit) {
     std::vector<char*> arguments;
     arguments.reserve(argv.size() + 1);
     for (const String& word : argv) {
         arguments.push_back(const_cast<char*>(word.c_str()));
     }
     arguments.push_back(nullptr);
-    error = ::posix_spawn(&pid, path.c_str(), setup.actions(), setup.attributes(), arguments.data(),
-                          toolEnvironment());
+    char* const* environment = toolEnvironment();
+    int error = 0;
+    if (fileSizeLimit > 0) {
+        error = spawnLimited(path, arguments.data(), environment, outFd, errFd, fileSizeLimit, pid);
+    } else {
+        SpawnSetup setup;
+        error = setup.prepare(outFd, errFd);
+        if (error == 0) {
+            error = ::posix_spawn(&pid, path.c_str(), setup.actions(), setup.attributes(),
+                                  arguments.data(), environment);
+        }
+    }
     if (error == 0) {
         STARTED();
     }

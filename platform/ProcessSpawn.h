@@ -30,7 +30,10 @@ extern const char* const TOOL_PATH;
 // LC_ALL=C, nothing of the caller's: no TAR_OPTIONS, WGETRC, proxy, locale or TLS key-log
 // variable reaches a tool). Returns 0 or an errno; a started child must be
 // reaped by the caller (and counted through STARTED / REAPED).
-int SPAWN(const String& path, const std::vector<String>& argv, int outFd, int errFd, pid_t& pid);
+// `fileSizeLimit` (bytes, 0: none) is the largest file the child may write (RLIMIT_FSIZE); a child
+// with a limit also writes no core file, and passing the limit kills it with SIGXFSZ.
+int SPAWN(const String& path, const std::vector<String>& argv, int outFd, int errFd, pid_t& pid,
+          std::size_t fileSizeLimit = 0);
 
 // Bookkeeping of children started and not yet reaped, for Shell::RUNNING_COMMANDS.
 void STARTED();

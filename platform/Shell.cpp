@@ -1,6 +1,7 @@
 #include "Shell.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -342,6 +343,10 @@ XCode Shell::invoke(const String& commandLine, ResultCallback result, OutputCall
 }
 
 XCode Shell::execute(const String& commandLine, String* output) {
+    return execute(commandLine, output, Limits());
+}
+
+XCode Shell::execute(const String& commandLine, String* output, const Limits& limits) {
     String program;
     std::vector<String> arguments;
     String path;
@@ -355,7 +360,7 @@ XCode Shell::execute(const String& commandLine, String* output) {
     }
     pid_t pid = -1;
     // Both streams share one pipe, so the collected text keeps their interleaving.
-    int error = process::SPAWN(path, arguments, outPipe[1], outPipe[1], pid);
+    int error = process::SPAWN(path, arguments, outPipe[1], outPipe[1], pid, limits.fileSize);
     if (outPipe[1] >= 0) {
         ::close(outPipe[1]);
         outPipe[1] = -1;
@@ -379,7 +384,12 @@ XCode Shell::execute(const String& commandLine, String* output) {
         code = XCode::fromErrno(errno);
         return code.setStringF("%s ENDED WITH UNKNOWN STATUS", program.c_str());
     }
-    return process::WAIT_STATUS_TO_XCODE(program, status);
+    code = process::WAIT_STATUS_TO_XCODE(program, status);
+    if (limits.fileSize > 0 && WIFSIGNALED(status) && WTERMSIG(status) == SIGXFSZ) {
+        code.setStringF("FILE TOO LARGE: %s tried to write more than %zu bytes to a file",
+                        program.c_str(), limits.fileSize);
+    }
+    return code;
 }
 
 }  // namespace Kt

@@ -82,6 +82,17 @@ class Shell {
     // /dev/null.
     [[nodiscard]] static XCode execute(const String& commandLine, String* output = nullptr);
 
+    // Limits put on a child before it runs.
+    struct Limits {
+        // The largest file the child may write, in bytes (0: no limit). A child that tries to
+        // write more is killed (SIGXFSZ, without a core file) and reported as "FILE TOO LARGE:
+        // <program> tried to write more than <n> bytes to a file". The file keeps the first n.
+        std::size_t fileSize = 0;
+    };
+    // As above, with limits.
+    [[nodiscard]] static XCode execute(const String& commandLine, String* output,
+                                       const Limits& limits);
+
     static std::vector<String> SPLIT_WORDS(const String& commandLine);
 
     // How long a command may run, from its start to its end: a child still running then is

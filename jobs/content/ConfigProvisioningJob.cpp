@@ -1,8 +1,8 @@
 #include "jobs/content/ConfigProvisioningJob.h"
 
 #include "engine/Monitors.h"
+#include "jobs/content/FlashFile.h"
 #include "platform/Cli.h"
-#include "platform/KtFile.h"
 
 ConfigProvisioningJob::ConfigProvisioningJob(KtEventLoop& loop, const String& jobName,
                                              ReloadType reload, bool compare,
@@ -20,27 +20,10 @@ XCode ConfigProvisioningJob::onFailedFileDownload() {
     return testExpression(true);
 }
 
-namespace {
-
-XCode readWorkFile(const String& file, String& content) {
-    KtFile workFile(file, true, false);
-    XCode result = workFile.open(0, 0644, KtFile::XO_NONE);
-    bool eof = false;
-    if (result.isSuccess()) {
-        result = workFile.read(content, eof, true);
-    }
-    if (result.isErr()) {
-        result.setString("Cannot read content of downloaded file");
-    }
-    return result;
-}
-
-}  // namespace
-
 XCode ConfigProvisioningJob::onSuccessfulFileDownload() {
     ProvLog::progress("[%s] Successfully downloaded configuration", name.c_str());
     String downloaded;
-    XCode result = readWorkFile(outFile, downloaded);
+    XCode result = FlashFile::READ_DOWNLOADED(outFile, downloaded);
     if (result.isSuccess()) {
         if (!comparisonAllowed) {
             // The server answered 201: run it, neither compared nor validated.

@@ -1,5 +1,6 @@
 #include "jobs/content/FlashFile.h"
 
+#include "platform/FileNode.h"
 #include "platform/KtFile.h"
 
 namespace {
@@ -10,11 +11,8 @@ constexpr int OPEN_WRITE_CREATE_TRUNCATE = 577;
 namespace FlashFile {
 
 XCode READ_DOWNLOADED(const String& workFile, String& content) {
-    XCode result = KtFile::READ_TEXT_FILE<String>(workFile, content, OPEN_READ_ONLY, true, true);
-    if (result.isErr()) {
-        result.setString("Cannot read content of downloaded file");
-    }
-    return result;
+    return ProvisioningJob::READ_WORK_FILE(workFile, content, FileNode::CONTENT_CAP(),
+                                           "Cannot read content of downloaded file");
 }
 
 XCode READ_STORED(const String& devicePath, String& content) {

@@ -6,7 +6,8 @@
 // copy in flash and replacing that copy whole.
 namespace FlashFile {
 
-// The whole work file; on failure the error carries "Cannot read content of downloaded file".
+// The whole work file, up to the platform's content cap (FileNode::CONTENT_CAP); on failure the
+// error carries "Cannot read content of downloaded file" (and the reason of a refusal).
 [[nodiscard]] XCode READ_DOWNLOADED(const String& workFile, String& content);
 // The whole file at `devicePath` ("/flash/...").
 [[nodiscard]] XCode READ_STORED(const String& devicePath, String& content);

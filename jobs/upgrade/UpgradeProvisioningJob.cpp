@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "engine/Monitors.h"
-#include "platform/KtFile.h"
+#include "platform/FileNode.h"
 #include "platform/Shell.h"
 #include "platform/UriUtil.h"
 
@@ -12,7 +12,6 @@ constexpr const char* DESTINATION = "flash:";
 constexpr const char* ACTION = "update";
 constexpr const char* CALLER = "Provisioning";
 constexpr int MINIMUM_TEXT_LENGTH = 20;
-constexpr int OPEN_READ_ONLY = 0;
 }  // namespace
 
 UpgradeProvisioningJob::UpgradeProvisioningJob(KtEventLoop& loop, const String& jobName,
@@ -44,11 +43,9 @@ XCode UpgradeProvisioningJob::chooseFlow(Flow& flow) const {
 }
 
 XCode UpgradeProvisioningJob::READ_UPGRADE_TEXT(const String& filePath, String& text) {
-    XCode result = KtFile::READ_TEXT_FILE<String>(filePath, text, OPEN_READ_ONLY, true, true);
-    if (result.isErr()) {
-        return result.setString("Cannot read content of downloaded script");
-    }
-    if (text.length() < MINIMUM_TEXT_LENGTH) {
+    XCode result = READ_WORK_FILE(filePath, text, FileNode::MANIFEST_CAP(),
+                                  "Cannot read content of downloaded script");
+    if (result.isSuccess() && text.length() < MINIMUM_TEXT_LENGTH) {
         return XCode(-1).setString("Size of downloaded script too small");
     }
     return result;
@@ -63,16 +60,47 @@ XCode UpgradeProvisioningJob::readArchiveManifest(String& text) const {
             return XCode(-1).setString("INVALID CHARACTER IN ARCHIVE NAME");
         }
     }
-    // Only the member "manifest" is extracted. The command keeps the device's form; GNU tar's
-    // defaults already strip a leading "/" and refuse ".." in member names, and the controller
-    // checks every member of the archive before it extracts anything itself.
-    String command =
-        String::format("tar xf %s -C %s %s", outFile.c_str(), EXTRACT_DIRECTORY, "manifest");
-    XCode result = Kt::Shell::execute(command);
+    // tar writes through a link it finds under the member's name, and into a directory: nothing
+    // of an earlier extraction may stay there.
+    XCode result = FileNode::REMOVE_WITHOUT_FOLLOWING(EXTRACTED_MANIFEST);
     if (result.isErr()) {
         return result;
     }
-    return READ_UPGRADE_TEXT(EXTRACTED_MANIFEST, text);
+    // Only the member "manifest" is extracted. The command keeps the device's form; GNU tar's
+    // defaults already strip a leading "/" and refuse ".." in member names, and the controller
+    // checks every member of the archive before it extracts anything itself. The file-size
+    // limit stops a member that expands without end (a compressed archive of a few KiB can
+    // hold gigabytes) as soon as it passes the manifest cap.
+    String command =
+        String::format("tar xf %s -C %s %s", outFile.c_str(), EXTRACT_DIRECTORY, "manifest");
+    Kt::Shell::Limits limits;
+    limits.fileSize = FileNode::MANIFEST_CAP();
+    result = Kt::Shell::execute(command, nullptr, limits);
+    if (result.isSuccess()) {
+        result = CHECK_EXTRACTED_MANIFEST();
+    }
+    if (result.isSuccess()) {
+        result = READ_UPGRADE_TEXT(EXTRACTED_MANIFEST, text);
+    }
+    if (result.isErr()) {
+        // Nothing of a refused or partly written member stays behind. A removal that fails leaves
+        // the member to the removal before the next extraction, which then refuses to run tar.
+        static_cast<void>(FileNode::REMOVE_WITHOUT_FOLLOWING(EXTRACTED_MANIFEST));
+    }
+    return result;
+}
+
+XCode UpgradeProvisioningJob::CHECK_EXTRACTED_MANIFEST() {
+    // tar creates a symbolic or hard link, a directory tree, a FIFO or a device node under the
+    // member's name as readily as a file; only a file with one link is read.
+    FileNode::Info info;
+    XCode result = FileNode::INSPECT(EXTRACTED_MANIFEST, info);
+    if (result.isSuccess() && info.kind != FileNode::Kind::Missing &&
+        !FileNode::IS_PLAIN_FILE(info)) {
+        result = XCode(-1).setStringF("UNSAFE MEMBER IN ARCHIVE: manifest %s",
+                                      FileNode::WHY_NOT_PLAIN(info).c_str());
+    }
+    return result;
 }
 
 XCode UpgradeProvisioningJob::readDownloadedManifest(String& text) const {

@@ -32,7 +32,9 @@ class UpgradeProvisioningJob : public ProvisioningJob, protected UpdateControlle
     // else is refused with "Provisioned file type not supported".
     [[nodiscard]] XCode chooseFlow(Flow& flow) const;
     // Extracts the member "manifest" of the archive in outFile into "/tmp/provisioning" and
-    // reads it as the upgrade text.
+    // reads it as the upgrade text. Whatever had the member's name goes first; a member that is
+    // not a file with one link ("UNSAFE MEMBER IN ARCHIVE: manifest is a symbolic link"), or
+    // larger than the manifest cap, is refused and removed without being opened or followed.
     [[nodiscard]] XCode readArchiveManifest(String& text) const;
     // Reads the work file as the upgrade text.
     [[nodiscard]] XCode readDownloadedManifest(String& text) const;
@@ -56,8 +58,11 @@ class UpgradeProvisioningJob : public ProvisioningJob, protected UpdateControlle
     static constexpr const char* EXTRACTED_MANIFEST = "/tmp/provisioning/manifest";
 
   private:
-    // The text of `path` with the 20-character floor; both errors speak of a script on purpose,
-    // also for the firmware job.
+    // The text of `path`, up to the manifest cap, with the 20-character floor; both errors speak
+    // of a script on purpose, also for the firmware job.
     [[nodiscard]] static XCode READ_UPGRADE_TEXT(const String& path, String& text);
+    // Success when the extracted manifest is missing (the read reports that) or a file with one
+    // link; else "UNSAFE MEMBER IN ARCHIVE: manifest <why>".
+    [[nodiscard]] static XCode CHECK_EXTRACTED_MANIFEST();
     [[nodiscard]] XCode onUpgradeStarted(XCode started);
 };

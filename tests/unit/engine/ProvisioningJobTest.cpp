@@ -1,5 +1,8 @@
 #include "engine/ProvisioningJob.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -265,13 +268,20 @@ TEST_F(ProvisioningJobTest, folderBeforeSemicolonIsRefusedEvenWithTextAfterIt) {
     EXPECT_TRUE(job->getOutFile().isEmpty());
 }
 
+// The old file is not truncated: the name gets a fresh, empty file for the transfer to write,
+// and whoever still holds the old file sees its content whole.
 TEST_F(ProvisioningJobTest, existingLongerWorkFileIsNotTruncated) {
-    provtest::writeFile(Device::MAP_PATH("/tmp/provisioning/engine-unit-long.cfg").str(),
-                        "0123456789");
+    const std::string file = Device::MAP_PATH("/tmp/provisioning/engine-unit-long.cfg").str();
+    provtest::writeFile(file, "0123456789");
+    const int old = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(old, 0);
     auto job = makeJob({});
     ASSERT_TRUE(job->createOutFile("/engine-unit-long.cfg").isSuccess());
-    EXPECT_EQ(provtest::readFile(Device::MAP_PATH("/tmp/provisioning/engine-unit-long.cfg").str()),
-              "0123456789");
+    EXPECT_EQ(provtest::readFile(file), "");
+    char content[16] = {};
+    EXPECT_EQ(::pread(old, content, sizeof content, 0), 10);
+    EXPECT_STREQ(content, "0123456789");
+    ::close(old);
     job->removeOutFile();
 }
 
