@@ -176,6 +176,9 @@ class ProvisioningJob {
     unsigned int locationsTried = 0;
     std::unique_ptr<ProvisioningHttpClient> httpClient;
     std::unique_ptr<Kt::Future<String>> tftpFuture;
+    // Where realmUser and realmPassword were obtained (UriUtil::buildOrigin): they go to no
+    // other origin.
+    String realmOrigin;
 
   private:
     // Set by execute(), cleared when the handler is told: a job destroyed while it is set was
@@ -189,8 +192,6 @@ class ProvisioningJob {
     // destroyed job cancels deliveries still queued and is never called late.
     Kt::Shell::ResultCallback tftpResultCallback;
     Kt::Shell::OutputCallback tftpOutputCallback;
-    // Where realmUser and realmPassword were obtained: they go to no other origin.
-    String realmOrigin;
     // Passwords obtained for HTTPS challenges: never sent over plain HTTP by this job.
     std::vector<String> httpsPasswords;
 

@@ -539,7 +539,8 @@ XCode SNAPSHOT_DEVICE(const String& directory, DeviceSnapshot& snapshot) {
     fs::recursive_directory_iterator walk(root, error);
     for (; !error && walk != fs::recursive_directory_iterator(); walk.increment(error)) {
         const fs::path relative = walk->path().lexically_relative(root);
-        if (*relative.begin() == "status") {
+        // The status and the work directory change with every job; neither is what a job stores.
+        if (*relative.begin() == "status" || *relative.begin() == "tmp") {
             walk.disable_recursion_pending();
             continue;
         }
@@ -776,7 +777,8 @@ int RUN_DEMO(const DemoOptions& options) {
         summary += "\n";
     }
     summary +=
-        "Changes: +new file, ~changed, -removed (status/ is left out: every job updates it).\n";
+        "Changes: +new file, ~changed, -removed (status/ and the work directory tmp/ are left out: "
+        "every job updates them).\n";
     const int signal = STOP_SIGNAL();
     if (signal != 0) {
         summary.concatf("Interrupted by signal %d after %zu of %zu jobs.\n", signal, done,

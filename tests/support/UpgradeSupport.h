@@ -118,9 +118,11 @@ class OpenJob : public Job {
         this->port = portNumber;
         this->path = remotePath;
     }
-    void setRealm(const String& user, const String& password) {
+    // Credentials as a challenge of `origin` (UriUtil::buildOrigin) left them.
+    void setRealm(const String& user, const String& password, const String& origin) {
         this->realmUser = user;
         this->realmPassword = password;
+        this->realmOrigin = origin;
     }
     void setAsyncPending(bool pending) { this->asyncPending = pending; }
     void setImageAction(ProvisioningJob::ImageAction action) { this->imageAction = action; }

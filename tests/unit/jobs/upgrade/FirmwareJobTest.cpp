@@ -295,7 +295,7 @@ TEST_F(FirmwareJobTest, unchangedVersionStartsNothingInEitherFlow) {
 
 TEST_F(FirmwareJobTest, httpsManifestIsFetchedByTheControllerWithTheJobsCredentials) {
     makeJob(false);
-    job->setRealm("user", "secret");
+    job->setRealm("user", "secret", UriUtil::buildOrigin("https", "10.0.0.1", 8443));
     job->setAuthentication("/flash/ca.pem", "/flash/client.pem", "/flash/client.key");
     provtest::writeFile(workFile, NEWER_MANIFEST);
     job->setDownloaded("https://10.0.0.1:8443/fw/image.manifest", workFile.c_str(), 2, "10.0.0.1",

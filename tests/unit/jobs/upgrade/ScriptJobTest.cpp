@@ -14,6 +14,7 @@
 #include "platform/Device.h"
 #include "platform/StatusDb.h"
 #include "platform/UpdateController.h"
+#include "platform/UriUtil.h"
 #include "support/CaptureMonitor.h"
 #include "support/TempDir.h"
 #include "support/UpgradeSupport.h"
@@ -149,7 +150,7 @@ TEST_F(ScriptJobTest, capitalTarIsRefused) {
 
 TEST_F(ScriptJobTest, manifestFlowHandsTheLocationToTheController) {
     makeJob(false);
-    job->setRealm("u", "p");
+    job->setRealm("u", "p", UriUtil::buildOrigin("tftp", "127.0.0.1", 0));
     ASSERT_TRUE(downloaded("interface eth0\n" + TAIL_A).isSuccess());
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_TRUE(requests[0].withCredentials);
