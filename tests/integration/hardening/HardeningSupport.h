@@ -64,6 +64,24 @@ inline const char* const NEW_CONFIG =
 inline const char* const OLD_KEY = "old key\n";
 inline const char* const OLD_DIALPLAN = "old plan\n";
 
+// A file of /proc/<pid>/, empty when the process is gone. Read with read(2): a process that ends
+// while it is read makes the read fail (ESRCH), which a stream buffer iterator would throw.
+inline std::string readProcFile(int pid, const char* what) {
+    std::string content;
+    const std::string path = "/proc/" + std::to_string(pid) + "/" + what;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return content;
+    }
+    char buffer[4096];
+    ssize_t got;
+    while ((got = ::read(fd, buffer, sizeof buffer)) > 0) {
+        content.append(buffer, static_cast<std::size_t>(got));
+    }
+    ::close(fd);
+    return content;
+}
+
 // "<prefix>-<pid>-<test name>": unique among tests running in parallel.
 inline std::string uniqueName(const std::string& prefix) {
     const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();

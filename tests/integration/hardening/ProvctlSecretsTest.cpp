@@ -31,8 +31,7 @@ const char* const PASSWORD = "Cmd1ine-Secret";
 const char* const KEY = "slow key content, sent two bytes at a time\n";
 
 std::string readProc(int pid, const char* what) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/" + what, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return provtest::hardening::readProcFile(pid, what);
 }
 
 // `root` and every process below it, by pid.

@@ -31,9 +31,7 @@ std::map<int, std::string> argumentLists() {
             if (entry->d_name[0] < '0' || entry->d_name[0] > '9') {
                 continue;
             }
-            std::ifstream in(std::string("/proc/") + entry->d_name + "/cmdline", std::ios::binary);
-            std::string content((std::istreambuf_iterator<char>(in)),
-                                std::istreambuf_iterator<char>());
+            std::string content = readProcFile(std::atoi(entry->d_name), "cmdline");
             for (char& c : content) {
                 c = c == '\0' ? ' ' : c;
             }
@@ -45,8 +43,7 @@ std::map<int, std::string> argumentLists() {
 }
 
 std::string environmentOf(int pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/environ", std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return readProcFile(pid, "environ");
 }
 
 mode_t modeOf(const std::string& path, bool& regular, bool& directory, uid_t& owner) {
