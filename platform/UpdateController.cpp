@@ -322,13 +322,15 @@ class Descriptor {
 };
 
 // Opens a regular file for reading, refusing symbolic links and anything that is not a file.
+// Non-blocking, so that a FIFO (which an archive can carry) is refused instead of blocking the
+// open until a writer comes; reads of a regular file do not care.
 XCode openRegularFile(const String& path, const char* what, Descriptor& fd, off_t& size) {
     String hostPath;
     XCode mapped = Device::MAP_PATH_CHECKED(path, hostPath);
     if (mapped.isErr()) {
         return mapped;
     }
-    fd.reset(::open(hostPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    fd.reset(::open(hostPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (fd.get() < 0 && errno == ELOOP) {
         return failure("%s IS NOT A FILE", what);
     }

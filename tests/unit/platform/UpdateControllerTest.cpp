@@ -286,6 +286,16 @@ TEST_F(UpdateControllerTest, imageThatIsALinkIsRefused) {
     EXPECT_FALSE(provtest::fileExists(device.file("slots/2")));
 }
 
+// A FIFO has no writer: opening it to read would block the upgrade for ever.
+TEST_F(UpdateControllerTest, manifestOrImageThatIsAFifoIsRefusedWithoutBlocking) {
+    provtest::writeFile(staging.file("image"), "IMAGE");
+    ASSERT_EQ(0, provtest::runCommand({"/usr/bin/mkfifo", staging.file("manifest")}).exitStatus);
+    tarOf({"manifest", "image"});
+    ASSERT_TRUE(start("file:" + archive).isSuccess());
+    EXPECT_EQ(runToEnd().result.getString().str(), "MANIFEST IS NOT A FILE");
+    EXPECT_FALSE(provtest::fileExists(device.file("slots/2")));
+}
+
 TEST_F(UpdateControllerTest, invalidArgumentsAreRefusedAtOnce) {
     EXPECT_EQ(start("file:" + archive, "install").getString(),
               "UNSUPPORTED UPGRADE ACTION install");
