@@ -119,13 +119,14 @@ inline std::string describe(const std::vector<ProcessInfo>& processes) {
     return text;
 }
 
-// The first child of `parent` whose argument list holds `text`, polled until the deadline.
-inline bool waitForChild(pid_t parent, const std::string& text, ProcessInfo& child,
-                         std::chrono::milliseconds timeout = DEFAULT_DEADLINE) {
+// The first child of `parent` whose argument list holds `text` and `alsoText` (an option that
+// only the awaited run of a tool has, say), polled until the deadline.
+inline bool waitForChild(pid_t parent, const std::string& text, const std::string& alsoText,
+                         ProcessInfo& child, std::chrono::milliseconds timeout = DEFAULT_DEADLINE) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     while (std::chrono::steady_clock::now() < deadline) {
         for (const ProcessInfo& info : processesMentioning(text)) {
-            if (info.parent == parent) {
+            if (info.parent == parent && info.command.find(alsoText) != std::string::npos) {
                 child = info;
                 return true;
             }
