@@ -170,7 +170,8 @@ EXIT STATUS
     1   the job failed
     2   usage error (also: a device.toml with passwords, or a credentials file, that others
         may read or write)
-    128+N  interrupted by signal N (SIGINT, SIGTERM, SIGHUP, SIGQUIT, or SIGPIPE, 141, also
+    128+N  interrupted by signal N (any catchable signal that ends a process: SIGINT 130,
+        SIGTERM 143, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGALRM, ..., and SIGPIPE 141, also
         when standard output or standard error is a closed pipe): the job's child process
         was ended and reaped, its work file and private files removed, the status set idle
 )PAGE";

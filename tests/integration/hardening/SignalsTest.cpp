@@ -118,24 +118,15 @@ TEST_P(SignalsTest, signalDuringATftpTransferLeavesNothingBehind) {
 }
 
 std::string signalName(const ::testing::TestParamInfo<int>& info) {
-    switch (info.param) {
-        case SIGINT:
-            return "SIGINT";
-        case SIGTERM:
-            return "SIGTERM";
-        case SIGHUP:
-            return "SIGHUP";
-        case SIGQUIT:
-            return "SIGQUIT";
-        case SIGPIPE:
-            return "SIGPIPE";
-        default:
-            return "signal" + std::to_string(info.param);
-    }
+    const char* abbreviation = ::sigabbrev_np(info.param);
+    return abbreviation != nullptr ? std::string("SIG") + abbreviation
+                                   : "signal" + std::to_string(info.param);
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, SignalsTest,
-                         ::testing::Values(SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE), signalName);
+                         ::testing::Values(SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE, SIGUSR1,
+                                           SIGUSR2, SIGALRM, SIGXCPU, SIGXFSZ, SIGVTALRM, SIGPROF),
+                         signalName);
 
 // Standard output and standard error on a pipe whose reader has gone before provctl wrote
 // anything: the first monitor line fails with EPIPE, and the run stops as on SIGPIPE.
