@@ -216,8 +216,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                     check(result.getString().str() ==
                           "Credentials for realm '" + asFormatted(realm) + "' already exists.");
                 }
-                check(tables[target]->insert(String(realm), Credentials{user, password}) ==
-                      tableModels[target].insert(realm, user, password));
+                check(
+                    tables[target]->insert(String(realm), Credentials{user, password, String()}) ==
+                    tableModels[target].insert(realm, user, password));
                 break;
             }
             case 1:
