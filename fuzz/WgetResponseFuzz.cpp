@@ -75,8 +75,13 @@ std::string asFormatted(const std::string& text) {
     return text.substr(0, text.find('\0'));
 }
 
+// A line as the monitor's sink gets it: control characters from the server escaped.
+std::string shown(const std::string& line) {
+    return RTD::Monitor::ESCAPE_CONTROLS(String(line)).str();
+}
+
 std::string logLine(const std::string& text) {
-    return std::string("[") + CLIENT_NAME + "/HTTP] " + asFormatted(text);
+    return shown(std::string("[") + CLIENT_NAME + "/HTTP] " + asFormatted(text));
 }
 
 bool isSpace(char c) {
@@ -448,7 +453,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     checkFields(client, model);
     check(!logLines().empty());
     check(logLines().front() ==
-          logLine("Handle result of wget: " + result.toString().str()) + "\n" + asFormatted(text));
+          logLine("Handle result of wget: " + result.toString().str() + "\n" + asFormatted(text)));
     if (expected.message.empty()) {
         check(logLines().size() == 1);
     } else {
