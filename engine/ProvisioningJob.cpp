@@ -96,8 +96,8 @@ const char* ProvisioningJob::IMAGE_ACTION_TO_STRING(ImageAction action) {
     return "(invalid)";
 }
 
-XCode ProvisioningJob::checkBeforeStart() {
-    return testExpression(true);
+void ProvisioningJob::refuseToStart(const XCode& reason) {
+    startRefusal = reason;
 }
 
 XCode ProvisioningJob::onFailedFileDownload() {
@@ -120,7 +120,7 @@ XCode ProvisioningJob::execute() {
     ProvLog::progress("[%s] Starting execution", name.c_str());
 
     DB::Ptr<DB::SystemProvisioningStatusRecord> status;
-    result = checkBeforeStart();
+    result = startRefusal;
     if (result.isErr()) {
         // Reported below like any failure to start.
     } else if (locations.isEmpty()) {

@@ -84,9 +84,10 @@ class ProvisioningJob {
     unsigned int getLocationsTried() const { return locationsTried; }
 
   protected:
-    // At the start of execute(), before anything is looked up or transferred: an error ends the
-    // job at once with that error. The default lets every job start.
-    [[nodiscard]] virtual XCode checkBeforeStart();
+    // Called by a derived job's constructor: execute() then ends the job at once with `reason`,
+    // reported like any failure to start, before anything is looked up or transferred. Not a
+    // virtual hook, so that the hooks keep the order the management process knows.
+    void refuseToStart(const XCode& reason);
     // Hooks of the derived jobs; the defaults fail.
     // After a download location failed (not after a redirect, not for uploads).
     [[nodiscard]] virtual XCode onFailedFileDownload();
@@ -184,6 +185,8 @@ class ProvisioningJob {
     // Set by execute(), cleared when the handler is told: a job destroyed while it is set was
     // cancelled and cleans up after itself.
     bool reportPending = false;
+    // Success unless a derived constructor refused the start (refuseToStart).
+    XCode startRefusal;
     // Ends the running transfer, if any, and waits until its child has been reaped; then removes
     // the work file of a download. Nothing writes the work file after this returns.
     void abandonTransfer();

@@ -14,18 +14,17 @@ ScriptProvisioningJob::ScriptProvisioningJob(KtEventLoop& loop, const String& jo
                                              ExpressionResolver& resolver,
                                              ProvisioningJob::CallbackHandler& handler)
     : UpgradeProvisioningJob(loop, jobName, reload, compare, jobLocations, jobCredentials, resolver,
-                             handler) {}
+                             handler) {
+    // The name becomes the fingerprint's file name in "/flash/provisioning/": one that would
+    // reach outside it (a key, say) is refused before anything is read, fetched or stored.
+    if (!IS_VALID_NAME(name)) {
+        refuseToStart(testExpression(false).setStringF("INVALID SCRIPT NAME '%s'", name.c_str()));
+    }
+}
 
 bool ScriptProvisioningJob::IS_VALID_NAME(const String& name) {
     return !name.isEmpty() && name != "." && name != ".." && name.indexOf('/') < 0 &&
            name.indexOf('\0') < 0;
-}
-
-XCode ScriptProvisioningJob::checkBeforeStart() {
-    if (!IS_VALID_NAME(name)) {
-        return testExpression(false).setStringF("INVALID SCRIPT NAME '%s'", name.c_str());
-    }
-    return testExpression(true);
 }
 
 XCode ScriptProvisioningJob::onFailedFileDownload() {

@@ -21,9 +21,6 @@ class ScriptProvisioningJob : public UpgradeProvisioningJob {
     static bool IS_VALID_NAME(const String& name);
 
   protected:
-    // Refuses a name that would put the fingerprint outside "/flash/provisioning/", before
-    // anything is downloaded, run or stored.
-    [[nodiscard]] XCode checkBeforeStart() override;
     [[nodiscard]] XCode onFailedFileDownload() override;
     [[nodiscard]] XCode onSuccessfulFileDownload() override;
     void onUpgradeTerminated(const String& text, XCode result, bool first, bool second) override;
