@@ -177,8 +177,8 @@ class ProvisioningJob {
     unsigned int locationsTried = 0;
     std::unique_ptr<ProvisioningHttpClient> httpClient;
     std::unique_ptr<Kt::Future<String>> tftpFuture;
-    // Where realmUser and realmPassword were obtained (UriUtil::buildOrigin): they go to no
-    // other origin.
+    // Beyond the fields above, which the management process knows: where realmUser and
+    // realmPassword were obtained (UriUtil::buildOrigin). They go to no other origin.
     String realmOrigin;
 
   private:
