@@ -6,7 +6,7 @@
 #include <chrono>
 #include <string>
 
-#include "integration/hardening/ProvctlRun.h"
+#include "support/ProvctlRun.h"
 #include "support/TempDir.h"
 
 namespace provtest::hardening {
@@ -42,7 +42,7 @@ class ExpressionLoopTest : public ::testing::Test {
 
 TEST_F(ExpressionLoopTest, resolveRefusesSetValueNamingItself) {
     ProvctlOutcome run = runProvctl(
-        dir, {"resolve", "--device", device(), "--set", "dhcp.67=$(dhcp.67)", "/$(dhcp.67)"},
+        dir, {"resolve", "--device", device(), "--set", "dhcp.67=$(dhcp.67)", "/$(dhcp.67)"}, {},
         DEADLINE);
     expectRefused(run, "dhcp.67");
 }
@@ -51,7 +51,7 @@ TEST_F(ExpressionLoopTest, resolveRefusesSetValuesNamingEachOther) {
     ProvctlOutcome run = runProvctl(dir,
                                     {"resolve", "--device", device(), "--set", "dhcp.66=$(dhcp.67)",
                                      "--set", "dhcp.67=a$(dhcp.66)", "tftp://$(dhcp.66)/x"},
-                                    DEADLINE);
+                                    {}, DEADLINE);
     EXPECT_TRUE(run.ended);
     EXPECT_EQ(run.status, 2) << run.err;
     EXPECT_TRUE(contains(run.err, "may not hold \"$(\"")) << run.err;
@@ -62,7 +62,7 @@ TEST_F(ExpressionLoopTest, configJobRefusesSetValueDoublingItselfBeforeAnythingR
         runProvctl(dir,
                    {"config", "--device", device(), "--set",
                     "system.mac=$(system.mac)$(system.mac)", "tftp://127.0.0.1/$(system.mac).cfg"},
-                   DEADLINE);
+                   {}, DEADLINE);
     expectRefused(run, "system.mac");
     // A refused command line creates nothing, not even the device directory.
     EXPECT_FALSE(fileExists(device()));
@@ -71,14 +71,14 @@ TEST_F(ExpressionLoopTest, configJobRefusesSetValueDoublingItselfBeforeAnythingR
 TEST_F(ExpressionLoopTest, resolveRefusesDeviceFileValueNamingItself) {
     writeDeviceFile("\"dhcp.66\" = \"$(dhcp.66)\"\n");
     ProvctlOutcome run =
-        runProvctl(dir, {"resolve", "--device", device(), "tftp://$(dhcp.66)/x"}, DEADLINE);
+        runProvctl(dir, {"resolve", "--device", device(), "tftp://$(dhcp.66)/x"}, {}, DEADLINE);
     expectRefused(run, "dhcp.66");
 }
 
 TEST_F(ExpressionLoopTest, configJobRefusesDeviceFileValueNamingItself) {
     writeDeviceFile("system.serial = \"s/$(system.serial)\"\n");
     ProvctlOutcome run = runProvctl(
-        dir, {"config", "--device", device(), "tftp://127.0.0.1/$(system.serial)"}, DEADLINE);
+        dir, {"config", "--device", device(), "tftp://127.0.0.1/$(system.serial)"}, {}, DEADLINE);
     expectRefused(run, "system.serial");
 }
 
@@ -88,7 +88,7 @@ TEST_F(ExpressionLoopTest, valuesThatOnlyJoinIntoAnExpressionAreTakenAndEnd) {
     ProvctlOutcome run = runProvctl(dir,
                                     {"resolve", "--device", device(), "--set", "system.mac=a$",
                                      "--set", "system.serial=S1", "/$(system.mac)(system.serial)"},
-                                    DEADLINE);
+                                    {}, DEADLINE);
     EXPECT_TRUE(run.ended);
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.out, "/aS1\n");

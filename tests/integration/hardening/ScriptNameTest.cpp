@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "integration/hardening/ProvctlRun.h"
 #include "platform/Device.h"
 #include "support/Process.h"
+#include "support/ProvctlRun.h"
 #include "support/TempDir.h"
 #include "support/TftpServer.h"
 

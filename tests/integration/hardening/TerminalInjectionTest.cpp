@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "integration/hardening/HardeningSupport.h"
-#include "integration/hardening/ProvctlRun.h"
 #include "jobs/content/ConfigProvisioningJob.h"
 #include "support/FixtureServer.h"
+#include "support/ProvctlRun.h"
 
 namespace provtest::hardening {
 namespace {

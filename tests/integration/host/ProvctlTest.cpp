@@ -18,6 +18,7 @@
 #include "support/Certificates.h"
 #include "support/HttpServer.h"
 #include "support/Process.h"
+#include "support/ProvctlRun.h"
 #include "support/TempDir.h"
 #include "support/TftpServer.h"
 
@@ -27,45 +28,14 @@ using provtest::readFile;
 using provtest::TempDir;
 using provtest::writeFile;
 
-struct Outcome {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
+using Outcome = provtest::ProvctlOutcome;
 
-// Runs provctl with `args`, standard output and standard error kept apart, and a clean
-// environment: HOME points into the test's directory so that no real per-user state is touched.
 class ProvctlTest : public ::testing::Test {
   protected:
     Outcome provctl(const std::vector<std::string>& args,
                     const std::vector<std::string>& extraEnv = {}) {
-        const std::string stem = dir_.file("run-" + std::to_string(runs_++));
-        const std::string outPath = stem + ".out";
-        const std::string errPath = stem + ".err";
-        int outFd = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        int errFd = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        int inFd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-        provtest::SpawnSpec spec;
-        spec.argv = {PROV_PROVCTL};
-        spec.argv.insert(spec.argv.end(), args.begin(), args.end());
-        spec.env = {"PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin", "LC_ALL=C",
-                    "HOME=" + dir_.file("home")};
-        spec.env.insert(spec.env.end(), extraEnv.begin(), extraEnv.end());
-        spec.fds = {{0, inFd}, {1, outFd}, {2, errFd}};
-        Outcome run;
-        provtest::ServerProcess process;
-        ::testing::AssertionResult started = process.spawn(spec);
-        ::close(outFd);
-        ::close(errFd);
-        ::close(inFd);
-        EXPECT_TRUE(started);
-        if (started) {
-            EXPECT_TRUE(process.waitExit(provtest::DEFAULT_DEADLINE)) << "provctl did not end";
-            process.stop();
-            run.status = process.exitStatus();
-        }
-        run.out = readFile(outPath);
-        run.err = readFile(errPath);
+        Outcome run = provtest::runProvctl(dir_, args, extraEnv);
+        EXPECT_TRUE(run.ended) << "provctl did not end";
         return run;
     }
 

@@ -1,7 +1,6 @@
 #pragma once
 
-// The built provctl run as a user would run it, for the hardening tests that attack it from the
-// command line, the device file or a server: standard output and standard error kept apart, a
+// The built provctl run as a user would run it: standard output and standard error kept apart, a
 // clean environment, and a deadline after which the run counts as hung.
 
 #include <fcntl.h>
@@ -16,7 +15,7 @@
 #include "support/Process.h"
 #include "support/TempDir.h"
 
-namespace provtest::hardening {
+namespace provtest {
 
 struct ProvctlOutcome {
     int status = -1;  // -1: did not exit by itself before the deadline (or was killed)
@@ -25,9 +24,11 @@ struct ProvctlOutcome {
     std::string err;
 };
 
-// Runs provctl with `args`; HOME points into `dir`, so no real per-user state is touched. A run
-// that passes `deadline` is terminated and reported with `ended` false.
+// Runs provctl with `args`; HOME points into `dir`, so no real per-user state is touched, and
+// `extraEnv` ("NAME=value") is added to the environment. A run that passes `deadline` is
+// terminated and reported with `ended` false.
 inline ProvctlOutcome runProvctl(const TempDir& dir, const std::vector<std::string>& args,
+                                 const std::vector<std::string>& extraEnv = {},
                                  std::chrono::milliseconds deadline = DEFAULT_DEADLINE) {
     static int runs = 0;
     const std::string stem = dir.file("provctl-run-" + std::to_string(runs++));
@@ -41,6 +42,7 @@ inline ProvctlOutcome runProvctl(const TempDir& dir, const std::vector<std::stri
     spec.argv.insert(spec.argv.end(), args.begin(), args.end());
     spec.env = {"PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin", "LC_ALL=C",
                 "HOME=" + dir.file("home")};
+    spec.env.insert(spec.env.end(), extraEnv.begin(), extraEnv.end());
     spec.fds = {{0, inFd}, {1, outFd}, {2, errFd}};
     ProvctlOutcome run;
     ServerProcess process;
@@ -59,4 +61,4 @@ inline ProvctlOutcome runProvctl(const TempDir& dir, const std::vector<std::stri
     return run;
 }
 
-}  // namespace provtest::hardening
+}  // namespace provtest
