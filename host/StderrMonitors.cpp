@@ -4,10 +4,15 @@
 
 #include "engine/Monitors.h"
 #include "host/Progress.h"
+#include "platform/Shell.h"
+#include "platform/UpdateController.h"
 
 namespace Provctl {
 
 namespace {
+
+// Beyond a command's deadline: the end of the step around it.
+constexpr std::chrono::minutes GRACE{1};
 
 RTD::Monitor::Sink makeSink(int level, const StderrMonitors::Observer& observer) {
     return [level, observer](const RTD::Monitor& monitor, int lineLevel, const String& line) {
@@ -36,6 +41,9 @@ StderrMonitors::StderrMonitors(int level, Observer observer)
 }
 
 StderrMonitors::~StderrMonitors() {
+    // The update controller's workers log on the event monitor: they end before it goes. A
+    // cancelled upgrade ends after its current step, which the shell's deadline bounds.
+    static_cast<void>(UpdateController::WAIT_IDLE(Kt::Shell::COMMAND_DEADLINE() + GRACE));
     MON_PROV = nullptr;
     MON_XFER = nullptr;
     MON_EVENT = nullptr;

@@ -92,7 +92,10 @@ bool REPORT_TERMINATED(CallbackHandler* handler, const String& text, XCode resul
 
 // Number of upgrades whose background work has not ended yet, cancelled ones included.
 std::size_t RUNNING_UPGRADES();
-// Waits until no background work runs; false when the timeout passed first.
+// Waits until no background work runs and joins its workers; false when the timeout passed
+// first. A cancelled upgrade ends after its current step (at most one command, which has the
+// shell's deadline). Hosts call it before they tear down the monitors that scripts log on
+// (MON_EVENT, as it was when the upgrade started).
 bool WAIT_IDLE(std::chrono::milliseconds timeout);
 
 }  // namespace UpdateController
