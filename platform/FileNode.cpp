@@ -193,6 +193,11 @@ bool IS_TOO_LARGE(const XCode& result) {
     return result == XCode::fromErrno(EFBIG);
 }
 
+bool IS_REFUSED(const XCode& result) {
+    // The only generic failure READ_CAPPED gives; system errors carry their errno.
+    return result == refusal();
+}
+
 XCode REMOVE_WITHOUT_FOLLOWING(const String& path) {
     const String hostPath = Device::MAP_PATH(path);
     int top = openDirectoryAt(AT_FDCWD, hostPath.c_str());

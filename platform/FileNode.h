@@ -55,6 +55,8 @@ String WHY_NOT_PLAIN(const Info& info);
 [[nodiscard]] XCode READ_CAPPED(const String& path, String& content, std::size_t cap);
 // True for the refusal of READ_CAPPED of a file over its cap.
 bool IS_TOO_LARGE(const XCode& result);
+// True for the refusal of READ_CAPPED of a node that is not a plain file.
+bool IS_REFUSED(const XCode& result);
 
 // Caps on what is read from, or extracted into, the work directory. Platform settings, set by
 // the host or a test before jobs run.

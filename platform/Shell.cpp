@@ -1,13 +1,11 @@
 #include "Shell.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <poll.h>
-#include <signal.h>
 
 #include <algorithm>
 #include <atomic>

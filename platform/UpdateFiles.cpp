@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "Device.h"
+#include "FileNode.h"
 #include "UpdateSteps.h"
 
 namespace UpdateController {
@@ -18,9 +19,6 @@ namespace {
 
 constexpr const char* WORK_DIRECTORY_TEMPLATE = "/tmp/provisioning/.update-XXXXXX";
 constexpr int UNIQUE_PART_LENGTH = 6;  // mkdtemp's "XXXXXX"
-constexpr std::size_t READ_CHUNK = 64 * 1024;
-// A manifest or a script is read whole; anything larger is not one.
-constexpr off_t MAX_TEXT_SIZE = 16 * 1024 * 1024;
 
 // The last non-empty line of a tool's output, for error messages.
 String lastLine(const String& output) {
@@ -122,30 +120,14 @@ XCode openRegularFile(const String& path, const char* what, Descriptor& fd, off_
 }
 
 XCode readText(const String& path, const char* what, String& text) {
-    Descriptor fd;
-    off_t size = 0;
-    XCode result = openRegularFile(path, what, fd, size);
-    if (result.isErr()) {
-        return result;
-    }
-    if (size > MAX_TEXT_SIZE) {
+    XCode result = FileNode::READ_CAPPED(path, text, FileNode::CONTENT_CAP());
+    if (FileNode::IS_TOO_LARGE(result)) {
         return failure("%s TOO LARGE", what);
     }
-    text = String();
-    char buffer[READ_CHUNK];
-    while (true) {
-        ssize_t count = ::read(fd.get(), buffer, sizeof buffer);
-        if (count > 0) {
-            text.append(buffer, static_cast<std::size_t>(count));
-            if (text.length() > MAX_TEXT_SIZE) {
-                return failure("%s TOO LARGE", what);
-            }
-        } else if (count == 0) {
-            return XCode(XCode::SUCCESS);
-        } else if (errno != EINTR) {
-            return systemFailure(errno, "CANNOT READ", path);
-        }
+    if (FileNode::IS_REFUSED(result)) {
+        return failure("%s IS NOT A FILE", what);
     }
+    return result;
 }
 
 }  // namespace UpdateController

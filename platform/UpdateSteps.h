@@ -85,7 +85,8 @@ class Descriptor {
 // instead of blocking the open until a writer comes; reads of a regular file do not care.
 [[nodiscard]] XCode openRegularFile(const String& path, const char* what, Descriptor& fd,
                                     off_t& size);
-// A manifest or a script, read whole: a regular file of at most 16 MiB ("<what> TOO LARGE").
+// A manifest or a script, read whole: a plain file (FileNode::READ_CAPPED, else "<what> IS NOT A
+// FILE") no larger than FileNode::CONTENT_CAP() ("<what> TOO LARGE").
 [[nodiscard]] XCode readText(const String& path, const char* what, String& text);
 
 // ---- The steps ----
