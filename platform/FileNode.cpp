@@ -16,8 +16,6 @@ namespace FileNode {
 
 namespace {
 
-constexpr std::size_t DEFAULT_MANIFEST_CAP = 64 * 1024;
-constexpr std::size_t DEFAULT_CONTENT_CAP = 16 * 1024 * 1024;
 constexpr std::size_t READ_BLOCK = 64 * 1024;
 
 std::atomic<std::size_t> manifestCap{DEFAULT_MANIFEST_CAP};

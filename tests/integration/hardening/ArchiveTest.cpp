@@ -104,8 +104,8 @@ class ArchiveTest : public ::testing::Test {
         MON_PROV = nullptr;
         MON_XFER = nullptr;
         MON_EVENT = nullptr;
-        FileNode::SET_MANIFEST_CAP(64 * 1024);
-        FileNode::SET_CONTENT_CAP(16 * 1024 * 1024);
+        FileNode::SET_MANIFEST_CAP(FileNode::DEFAULT_MANIFEST_CAP);
+        FileNode::SET_CONTENT_CAP(FileNode::DEFAULT_CONTENT_CAP);
         for (const std::string& name :
              {unique + ".tar", unique + ".manifest", unique + ".cfg", unique + "-other"}) {
             static_cast<void>(FileNode::REMOVE_WITHOUT_FOLLOWING(workPath(name).c_str()));

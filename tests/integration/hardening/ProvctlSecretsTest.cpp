@@ -207,6 +207,26 @@ TEST_F(ProvctlSecretsTest, credentialsFileThatOthersMayReadIsRefused) {
     EXPECT_TRUE(server.requestsFor(name).empty()) << server.log();
 }
 
+// A FIFO has no writer: reading it would hold provctl for ever. Refused at once instead.
+TEST_F(ProvctlSecretsTest, credentialsFileThatIsAFifoIsRefusedWithoutBlocking) {
+    const std::string fifo = dir.file("credentials");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    ProvctlRun run = provctl(
+        {"key", "--device", device(), "--credentials-file", fifo, "http://127.0.0.1:9/x.key"});
+    EXPECT_EQ(run.status, 2) << run.output;
+    EXPECT_NE(run.output.find(fifo + ": not a regular file"), std::string::npos) << run.output;
+}
+
+TEST_F(ProvctlSecretsTest, deviceTomlLargerThanAnyDeviceFileIsRefused) {
+    std::string toml = device() + "/device.toml";
+    writeFile(toml, "[values]\n" + std::string(1024 * 1024, '#') + "\n");
+    ASSERT_EQ(::chmod(toml.c_str(), 0600), 0);
+    ProvctlRun run = provctl({"resolve", "--device", device(), "x"});
+    EXPECT_EQ(run.status, 2) << run.output.substr(0, 400);
+    EXPECT_NE(run.output.find(toml + ": larger than 1048576 bytes"), std::string::npos)
+        << run.output.substr(0, 400);
+}
+
 TEST_F(ProvctlSecretsTest, deviceTomlWithAPasswordIsReadOnlyWhenOnlyItsOwnerMayReadIt) {
     serveSlowKey();
     std::string toml = device() + "/device.toml";

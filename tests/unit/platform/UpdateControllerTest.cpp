@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/Device.h"
+#include "platform/FileNode.h"
 #include "platform/KtEventLoop.h"
 #include "platform/SlotState.h"
 #include "support/TempDir.h"
@@ -294,6 +295,17 @@ TEST_F(UpdateControllerTest, manifestOrImageThatIsAFifoIsRefusedWithoutBlocking)
     ASSERT_TRUE(start("file:" + archive).isSuccess());
     EXPECT_EQ(runToEnd().result.getString().str(), "MANIFEST IS NOT A FILE");
     EXPECT_FALSE(provtest::fileExists(device.file("slots/2")));
+}
+
+// A script of a gigabyte would be held in memory whole: past the content cap it is refused.
+TEST_F(UpdateControllerTest, scriptOverTheContentCapIsRefused) {
+    provtest::writeFile(staging.file("manifest"), std::string(2048, '#') + "\n");
+    tarOf({"manifest"});
+    FileNode::SET_CONTENT_CAP(1024);
+    ASSERT_TRUE(start("file:" + archive).isSuccess());
+    const std::string text = runToEnd().result.getString().str();
+    FileNode::SET_CONTENT_CAP(FileNode::DEFAULT_CONTENT_CAP);
+    EXPECT_EQ(text, "MANIFEST TOO LARGE");
 }
 
 TEST_F(UpdateControllerTest, invalidArgumentsAreRefusedAtOnce) {
