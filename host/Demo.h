@@ -1,10 +1,9 @@
 #pragma once
 
-#include <map>
-#include <vector>
-
+// The snapshots and the table of the demo's summary, for the demo's users and tests.
+#include "host/DeviceSnapshot.h"
+#include "host/Table.h"
 #include "platform/String.h"
-#include "platform/XCode.h"
 
 // provctl demo: a whole provisioning of a new simulated device against the demo's own TFTP and
 // HTTP servers on loopback, every job kind twice (the second round with --compare changes
@@ -24,28 +23,5 @@ int RUN_DEMO(const DemoOptions& options);
 // (<prefix>/share/provisioning/demo) when there is one, else the source tree's host/demo-files.
 // Empty when neither holds the files.
 String DEMO_FILES_DIRECTORY();
-
-// A device directory's files: path relative to the directory -> content. status/ is left out:
-// every job changes the busy flag and the status location there.
-using DeviceSnapshot = std::map<String, String>;
-[[nodiscard]] XCode SNAPSHOT_DEVICE(const String& directory, DeviceSnapshot& snapshot);
-
-// One change between two snapshots.
-struct DeviceChange {
-    enum class Kind { Added, Modified, Removed };
-    String path;
-    Kind kind = Kind::Added;
-    friend bool operator==(const DeviceChange& a, const DeviceChange& b) {
-        return a.path == b.path && a.kind == b.kind;
-    }
-};
-// The changes in path order.
-std::vector<DeviceChange> DIFF_SNAPSHOTS(const DeviceSnapshot& before, const DeviceSnapshot& after);
-// "+config/startup-config ~slots/state -old": + new, ~ changed, - removed; "nothing" for none.
-String DESCRIBE_CHANGES(const std::vector<DeviceChange>& changes);
-
-// Rows of cells as a plain-text table: columns padded to their widest cell, two blanks between
-// them, the first row underlined with dashes. Trailing blanks are dropped.
-String FORMAT_TABLE(const std::vector<std::vector<String>>& rows);
 
 }  // namespace Provctl

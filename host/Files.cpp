@@ -1,0 +1,13 @@
+#include "host/Files.h"
+
+#include <fcntl.h>
+
+#include "platform/KtFile.h"
+
+namespace Provctl {
+
+XCode READ_FILE(const String& path, String& content) {
+    return KtFile::READ_TEXT_FILE<String>(path, content, O_RDONLY, false, true);
+}
+
+}  // namespace Provctl
