@@ -14,7 +14,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -50,11 +49,9 @@ struct Places {
     std::string sentinelName;   // the sentinel directory's name, beside the work directory
     std::string sentinel;       // its host path
     std::string archiveDevice;  // the archive as the job names it
-    int lock = -1;
 };
 
-// The work directory's one "manifest" is shared with the tests that extract archives: the same
-// lock as theirs is held for the life of the process.
+// A device directory of the fuzzer's own: its work directory is shared with nobody.
 Places& places() {
     static Places* setUp = [] {
         auto* p = new Places();
@@ -74,9 +71,6 @@ Places& places() {
               "cannot write the sentinel");
         ::close(fd);
         p->archiveDevice = "/tmp/provisioning/fz-archive-" + std::to_string(::getpid()) + ".tar";
-        p->lock =
-            ::open((p->work + "/.manifest-tests.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-        check(p->lock >= 0 && ::flock(p->lock, LOCK_EX) == 0, "cannot take the manifest lock");
         std::atexit([] {
             const Places& done = places();
             ::unlink((done.sentinel + "/secret").c_str());
@@ -254,6 +248,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
               ::write(fd, archive.data(), archive.size()) == static_cast<ssize_t>(archive.size()),
           "cannot write the archive");
     ::close(fd);
+    // What an earlier run left is gone; half of the runs then start with a link at the
+    // manifest's name to the sentinel directory, as an earlier writer could leave it: tar would
+    // write a member "manifest/x" through it.
+    check(FileNode::REMOVE_WITHOUT_FOLLOWING("/tmp/provisioning/manifest").isSuccess(),
+          "cannot remove the manifest");
+    if (size > 0 && (data[0] & 1) != 0) {
+        check(::symlink(p.sentinel.c_str(),
+                        Device::MAP_PATH("/tmp/provisioning/manifest").c_str()) == 0,
+              "cannot plant the link");
+    }
 
     String text;
     XCode result = job().extract(p.archiveDevice.c_str(), text);
@@ -266,8 +270,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
           "the manifest left behind is not a plain file");
     check(result.isErr() || static_cast<std::size_t>(text.length()) <= FileNode::MANIFEST_CAP(),
           "a manifest over the cap was read");
-    // The next run starts from an empty slate, as a job after a refused archive would.
-    check(FileNode::REMOVE_WITHOUT_FOLLOWING("/tmp/provisioning/manifest").isSuccess(),
-          "cannot remove the manifest");
     return 0;
 }
