@@ -71,11 +71,14 @@ TEST_F(DeadlineTest, tftpServerTricklingBlocksIsEndedAtTheDeadline) {
 }
 
 TEST_F(DeadlineTest, synchronousCommandIsEndedAtTheDeadline) {
+    // A duration of its own, so that the process can be told from any other sleep.
+    const std::string duration = "60." + std::to_string(::getpid());
     String output;
-    XCode result = Kt::Shell::execute("sleep 60", &output);
+    XCode result = Kt::Shell::execute(("sleep " + duration).c_str(), &output);
     EXPECT_EQ(result.getFamily(), XCode::DEADLINE_FAMILY) << result.toString().c_str();
     EXPECT_EQ(result.getString(), "sleep DID NOT FINISH WITHIN 2 SECONDS");
     EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0U);
+    EXPECT_TRUE(processesMentioning(duration).empty()) << describe(processesMentioning(duration));
 }
 
 }  // namespace

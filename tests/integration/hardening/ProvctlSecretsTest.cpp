@@ -198,6 +198,11 @@ TEST_F(ProvctlSecretsTest, credentialsFileThatOthersMayReadIsRefused) {
     EXPECT_NE(run.output.find(file), std::string::npos) << run.output;
     EXPECT_NE(run.output.find("mode 0644"), std::string::npos) << run.output;
     EXPECT_EQ(run.output.find(PASSWORD), std::string::npos) << run.output;
+    // Readable by the group only: refused as well.
+    ASSERT_EQ(::chmod(file.c_str(), 0640), 0);
+    run = provctl({"key", "--device", device(), "--credentials-file", file, server.url(name)});
+    EXPECT_EQ(run.status, 2) << run.output;
+    EXPECT_NE(run.output.find("mode 0640"), std::string::npos) << run.output;
     // Mode 0600 but another user's file: refused too.
     ASSERT_EQ(::chmod(file.c_str(), 0600), 0);
     ASSERT_EQ(::chown(file.c_str(), 65534, 65534), 0);

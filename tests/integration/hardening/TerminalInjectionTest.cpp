@@ -168,6 +168,7 @@ TEST_F(TerminalInjectionTest, provctlPrintsManifestRealmAndLocationEscaped) {
     ProvctlOutcome json =
         runProvctl(runs, {"firmware", "--json", "--device", provctlDevice(), server.url(manifest)});
     EXPECT_NE(json.out.find("\"ok\""), std::string::npos) << json.out;
+    EXPECT_NE(json.out.find("sw_type=X\\u001b]0;pwned"), std::string::npos) << json.out;
     EXPECT_TRUE(noRawControlPrinted(json));
 
     ProvctlOutcome config =
@@ -176,6 +177,9 @@ TEST_F(TerminalInjectionTest, provctlPrintsManifestRealmAndLocationEscaped) {
     EXPECT_EQ(config.status, 1) << config.err;
     EXPECT_NE(config.err.find("WWW-Authenticate"), std::string::npos) << config.err;
     EXPECT_NE(config.err.find("Redirected: "), std::string::npos) << config.err;
+    // The realm and the redirect target, both the server's text, were shown.
+    EXPECT_NE(config.err.find("]   Realm:  "), std::string::npos) << config.err;
+    EXPECT_NE(config.err.find(base + "/x"), std::string::npos) << config.err;
     EXPECT_TRUE(noRawControlPrinted(config));
 }
 

@@ -202,7 +202,8 @@ TEST_F(WorkDirectoryTest, freshDeviceHasAPrivateWorkDirectoryAndPrivateWorkFiles
 TEST_F(WorkDirectoryTest, storedKeyKeepsItsModeWhenADownloadReplacesIt) {
     const std::string key = device.file("flash/preferences/key");
     ASSERT_TRUE(http.start());
-    for (unsigned int mode : {0600U, 0640U}) {
+    // 0660 cannot come out of the default mode 0644 under any umask.
+    for (unsigned int mode : {0600U, 0660U}) {
         SCOPED_TRACE(mode);
         ASSERT_EQ(::chmod(key.c_str(), mode), 0);
         const std::string name = remote("-" + std::to_string(mode) + ".key");
@@ -218,14 +219,30 @@ TEST_F(WorkDirectoryTest, storedKeyKeepsItsModeWhenADownloadReplacesIt) {
 
 TEST_F(WorkDirectoryTest, storedDialplanKeepsItsModeWhenADownloadReplacesIt) {
     const std::string plan = device.file("flash/dialplan/office");
-    ASSERT_EQ(::chmod(plan.c_str(), 0640), 0);
+    ASSERT_EQ(::chmod(plan.c_str(), 0660), 0);
     const std::string name = remote(".plan");
     tftp.put(name, "new plan\n");
     ASSERT_TRUE(tftp.start());
     runDialplanJob(String::format("tftp://127.0.0.1:%u/%s", tftp.port(), name.c_str()));
     ASSERT_TRUE(runToEnd());
     EXPECT_EQ(readFile(plan), "new plan\n") << prov.dump();
-    EXPECT_EQ(modeOf(plan), 0640U);
+    EXPECT_EQ(modeOf(plan), 0660U);
+}
+
+// As a truncating write keeps them: the owner and group of a key that belongs to another user.
+TEST_F(WorkDirectoryTest, storedKeyKeepsItsOwnerWhenADownloadReplacesIt) {
+    const std::string key = device.file("flash/preferences/key");
+    ASSERT_EQ(::chown(key.c_str(), 65534, 65534), 0);
+    const std::string name = remote(".key");
+    tftp.put(name, "owned key\n");
+    ASSERT_TRUE(tftp.start());
+    runKeyJob(String::format("tftp://127.0.0.1:%u/%s", tftp.port(), name.c_str()));
+    ASSERT_TRUE(runToEnd());
+    EXPECT_EQ(readFile(key), "owned key\n") << prov.dump();
+    struct stat status {};
+    ASSERT_EQ(::stat(key.c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, 65534U);
+    EXPECT_EQ(status.st_gid, 65534U);
 }
 
 TEST_F(WorkDirectoryTest, newKeyIsReadableByItsOwnerOnly) {

@@ -36,7 +36,7 @@ class StderrMonitorsTest : public ::testing::Test {
         Device::SET_ROOT(device.path().c_str());
         ASSERT_TRUE(Device::PREPARE().isSuccess());
         // The fetch below is ended by the deadline, not by the server.
-        Kt::Shell::SET_COMMAND_DEADLINE(2s);
+        Kt::Shell::SET_COMMAND_DEADLINE(3s);
     }
     void TearDown() override {
         Kt::Shell::SET_COMMAND_DEADLINE(Kt::Shell::DEFAULT_COMMAND_DEADLINE);
