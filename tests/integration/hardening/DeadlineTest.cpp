@@ -24,13 +24,6 @@ class DeadlineTest : public DeviceTest {
         DeviceTest::TearDown();
     }
 
-    std::unique_ptr<ConfigProvisioningJob> configJob(const String& location) {
-        KtList<String> locations;
-        locations.pushBack(location);
-        return std::make_unique<ConfigProvisioningJob>(loop, "stall", ProvisioningJob::None, false,
-                                                       locations, credentials, resolver, handler);
-    }
-
     // The job ended at the deadline of `tool`, nothing of it runs, no work file is left.
     void expectEndedAtDeadline(const char* tool, const std::string& name) {
         EXPECT_EQ(told().getFamily(), XCode::DEADLINE_FAMILY) << told().toString().c_str();

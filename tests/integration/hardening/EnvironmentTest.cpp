@@ -54,12 +54,6 @@ class ScopedVariable {
 
 class EnvironmentTest : public DeviceTest {
   protected:
-    std::unique_ptr<ConfigProvisioningJob> configJob(const std::string& location) {
-        KtList<String> locations;
-        locations.pushBack(location.c_str());
-        return std::make_unique<ConfigProvisioningJob>(loop, "env", ProvisioningJob::None, false,
-                                                       locations, credentials, resolver, handler);
-    }
     // A firmware job whose archive holds the manifest of the running version: with a manifest
     // extracted as it should be, the job succeeds without starting an upgrade.
     XCode runFirmwareJobWithTheRunningVersion() {

@@ -32,6 +32,7 @@
 
 #include "engine/Monitors.h"
 #include "engine/ProvisioningJob.h"
+#include "jobs/content/ConfigProvisioningJob.h"
 #include "platform/Cli.h"
 #include "platform/Device.h"
 #include "platform/KtEventLoop.h"
@@ -208,6 +209,14 @@ class DeviceTest : public ::testing::Test {
         return ::testing::AssertionSuccess();
     }
     const XCode& told() const { return handler.results.front(); }
+
+    // A configuration job of this device on the one `location`.
+    std::unique_ptr<ConfigProvisioningJob> configJob(const String& location,
+                                                     const char* name = "cfg") {
+        return std::make_unique<ConfigProvisioningJob>(loop, name, ProvisioningJob::None, false,
+                                                       KtList<String>{location}, credentials,
+                                                       resolver, handler);
+    }
 
     // Nothing in flash or the configuration store was lost, torn, changed or added.
     ::testing::AssertionResult deviceUnchanged() const {

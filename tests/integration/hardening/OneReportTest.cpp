@@ -29,16 +29,13 @@ class OneReportTest : public DeviceTest {
     }
 
     void runAndExpectOneReport(const String& location, const std::string& name) {
-        KtList<String> locations;
-        locations.pushBack(location);
-        ConfigProvisioningJob job(loop, "onereport", ProvisioningJob::None, false, locations,
-                                  credentials, resolver, handler);
+        auto job = configJob(location);
         handler.then = [&](ProvisioningJob&, const XCode&) {
             // At the moment of the report nothing of the transfer may run or be left.
             EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0U);
             EXPECT_FALSE(provtest::fileExists(workFile(name)));
         };
-        XCode started = job.execute();
+        XCode started = job->execute();
         EXPECT_TRUE(started.isErr());
         // Whatever the transfer would still deliver arrives once it has ended.
         EXPECT_TRUE(runUntilPolled(

@@ -50,9 +50,7 @@ class WorkDirectoryTest : public DeviceTest {
     std::string workDirectory() const { return device.file("tmp/provisioning"); }
 
     void runConfigJob(const String& location) {
-        job = std::make_unique<ConfigProvisioningJob>(loop, "cfg", ProvisioningJob::None, false,
-                                                      KtList<String>{location}, credentials,
-                                                      resolver, handler);
+        job = configJob(location);
         static_cast<void>(job->execute());  // a start error is told to the handler as well
     }
     void runKeyJob(const String& location) {
@@ -84,11 +82,6 @@ class WorkDirectoryTest : public DeviceTest {
 };
 
 // --- One work directory per device -----------------------------------------------------------
-
-struct ProvctlRun {
-    ServerProcess process;
-    std::string err;
-};
 
 // A firmware archive "fw.tar" whose manifest names `version`.
 std::string firmwareArchive(const std::string& version) {
