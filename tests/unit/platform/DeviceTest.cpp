@@ -1,10 +1,14 @@
 #include "platform/Device.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <thread>
 #include <vector>
 
 #include "DeviceTestSupport.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -186,6 +190,25 @@ TEST_F(DeviceTest, prepareWithoutRootFails) {
     XCode result = Device::PREPARE();
     ASSERT_TRUE(result.isErr());
     EXPECT_EQ(result.getString(), String("NO DEVICE DIRECTORY SET"));
+}
+
+// Every way in which another user could hold the work directory: written by the group only, by
+// others only, a file in its place.
+TEST_F(DeviceTest, workDirectoryCheckRefusesEveryWriterButItsOwner) {
+    ASSERT_TRUE(Device::PREPARE().isSuccess());
+    const std::string work = root() + "/tmp/provisioning";
+    EXPECT_TRUE(Device::CHECK_WORK_DIRECTORY().isSuccess());
+    for (mode_t mode : {0770, 0702}) {
+        ASSERT_EQ(::chmod(work.c_str(), mode), 0);
+        XCode refused = Device::CHECK_WORK_DIRECTORY();
+        EXPECT_EQ(refused.getString().str(), "UNSAFE WORK DIRECTORY " + work + ": mode 0" +
+                                                 (mode == 0770 ? "770" : "702") +
+                                                 ", writable by group or others");
+    }
+    ASSERT_EQ(::rmdir(work.c_str()), 0);
+    provtest::writeFile(work, "a file\n");
+    EXPECT_EQ(Device::CHECK_WORK_DIRECTORY().getString().str(),
+              "UNSAFE WORK DIRECTORY " + work + ": not a directory");
 }
 
 TEST_F(DeviceTest, mappingRunsWhileAnotherThreadSetsTheRoot) {
