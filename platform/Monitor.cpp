@@ -54,8 +54,14 @@ bool isPlainByte(unsigned char c) {
 String Monitor::ESCAPE_CONTROLS(const String& text) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
     const int length = text.length();
-    String escaped;
     int at = 0;
+    while (at < length && isPlainByte(bytes[at])) {
+        ++at;
+    }
+    if (at == length) {
+        return text;  // the common line: nothing to escape, nothing copied byte by byte
+    }
+    String escaped(text.data(), static_cast<std::size_t>(at));
     while (at < length) {
         if (isPlainByte(bytes[at])) {
             escaped += static_cast<char>(bytes[at]);
@@ -119,10 +125,9 @@ void Monitor::vmonitorPrefix(int level, const String& prefix, const char* format
 }
 
 void Monitor::write(int level, const String& line) {
-    const String escaped = ESCAPE_CONTROLS(line);
     std::lock_guard<std::mutex> guard(mutex_);
     if (sink_) {
-        sink_(*this, level, escaped);
+        sink_(*this, level, ESCAPE_CONTROLS(line));
     }
 }
 
