@@ -4,7 +4,6 @@
 // bare tools (wget into a file created first, tar, dd with fsync).
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -19,28 +18,6 @@
 namespace suite {
 
 namespace {
-
-// Held while provctl runs. Each device now extracts into its own work directory; the lock is
-// kept so that the bench and the test suite's firmware tests still take turns on a shared one.
-class ManifestLock {
-  public:
-    ManifestLock() {
-        fd_ = ::open("/tmp/.prov-manifest-tests.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-        if (fd_ >= 0) {
-            ::flock(fd_, LOCK_EX);
-        }
-    }
-    ~ManifestLock() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    ManifestLock(const ManifestLock&) = delete;
-    ManifestLock& operator=(const ManifestLock&) = delete;
-
-  private:
-    int fd_ = -1;
-};
 
 bool makeArchive(const provtest::TempDir& directory, const std::string& archive, long long size) {
     std::string content = directory.file("content-" + std::to_string(size));
@@ -119,7 +96,6 @@ int RUN_FIRMWARE(const Options& options, Recorder& recorder) {
         Series ownPeak{"firmware " + size.label + " | peak RSS, provctl", "KiB", {}};
         auto runProvctl = [&](bool record) {
             REMOVE(peakFile);
-            ManifestLock lock;
             long long start = NOW_NS();
             ChildOutcome outcome = RUN_TOOL(provctl, directory.file("provctl.log"), probe);
             double ms = static_cast<double>(NOW_NS() - start) / 1e6;

@@ -7,7 +7,6 @@
 // one).
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -35,30 +34,6 @@ inline void PrintTo(const XCode& code, std::ostream* out) {
 #endif
 
 namespace provtest {
-
-// Held for a whole test that extracts into "/tmp/provisioning/manifest": every job's tar flow
-// writes that one file, so two tests doing it at once would read each other's manifest.
-class ExtractedManifestLock {
-  public:
-    ExtractedManifestLock() {
-        // Outside every work directory, which must hold nothing of the tests' own.
-        fd_ = ::open("/tmp/.prov-manifest-tests.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-        EXPECT_GE(fd_, 0);
-        if (fd_ >= 0) {
-            EXPECT_EQ(0, ::flock(fd_, LOCK_EX));
-        }
-    }
-    ~ExtractedManifestLock() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    ExtractedManifestLock(const ExtractedManifestLock&) = delete;
-    ExtractedManifestLock& operator=(const ExtractedManifestLock&) = delete;
-
-  private:
-    int fd_ = -1;
-};
 
 // "<prefix>-<pid>-<test name>": unique among tests running in parallel.
 inline std::string uniqueName(const std::string& prefix) {

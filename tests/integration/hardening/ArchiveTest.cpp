@@ -176,7 +176,6 @@ class ArchiveTest : public ::testing::Test {
     provtest::TempDir archives{"prov-archive-tar"};
     provtest::TempDir outside{"prov-archive-outside"};
     provtest::TftpServer server;
-    provtest::ExtractedManifestLock lock;
     KtEventLoop loop;
     ProvisioningCredentials credentials;
     ExpressionResolver resolver;

@@ -53,6 +53,13 @@ class WorkDirectoryTest : public DeviceTest {
         job = configJob(location);
         static_cast<void>(job->execute());  // a start error is told to the handler as well
     }
+    // The device's file at `path` becomes a link to `target`, a file outside that holds
+    // "outside\n".
+    static void plantLink(const std::string& path, const std::string& target) {
+        writeFile(target, "outside\n");
+        ASSERT_EQ(::unlink(path.c_str()), 0);
+        ASSERT_EQ(::symlink(target.c_str(), path.c_str()), 0);
+    }
     void runKeyJob(const String& location) {
         job = std::make_unique<KeyProvisioningJob>(loop, "key", ProvisioningJob::None, true,
                                                    KtList<String>{location}, credentials, resolver,
@@ -256,10 +263,8 @@ TEST_F(WorkDirectoryTest, newKeyIsReadableByItsOwnerOnly) {
 TEST_F(WorkDirectoryTest, keyThatIsALinkIsNeitherFollowedNorReplaced) {
     TempDir outside("prov-workdir-outside");
     const std::string target = outside.file("secret");
-    writeFile(target, "outside\n");
     const std::string key = device.file("flash/preferences/key");
-    ASSERT_EQ(::unlink(key.c_str()), 0);
-    ASSERT_EQ(::symlink(target.c_str(), key.c_str()), 0);
+    plantLink(key, target);
     const std::string name = remote(".key");
     http.put("/" + name, "hostile key\n");
     ASSERT_TRUE(http.start());
@@ -300,10 +305,8 @@ TEST_F(WorkDirectoryTest, dialplanInALinkedDirectoryIsNeitherFollowedNorReplaced
 TEST_F(WorkDirectoryTest, dialplanThatIsALinkIsNeitherFollowedNorReplaced) {
     TempDir outside("prov-workdir-outside");
     const std::string target = outside.file("plan");
-    writeFile(target, "outside\n");
     const std::string plan = device.file("flash/dialplan/office");
-    ASSERT_EQ(::unlink(plan.c_str()), 0);
-    ASSERT_EQ(::symlink(target.c_str(), plan.c_str()), 0);
+    plantLink(plan, target);
     const std::string name = remote(".plan");
     http.put("/" + name, "hostile plan\n");
     ASSERT_TRUE(http.start());

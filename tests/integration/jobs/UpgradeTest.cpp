@@ -150,7 +150,6 @@ class UpgradeTest : public ::testing::Test {
 // --- Firmware ---
 
 TEST_F(UpgradeTest, firmwareArchiveOverTftpIsWrittenToTheInactiveSlotBeforeTheHandlerIsTold) {
-    provtest::ExtractedManifestLock lock;
     const std::string image = imageBytes(300 * 1024 + 5);
     provtest::TftpServer server;
     server.put("fw/" + unique + ".tar", stageArchive(NEWER_MANIFEST, image));
@@ -171,7 +170,6 @@ TEST_F(UpgradeTest, firmwareArchiveOverTftpIsWrittenToTheInactiveSlotBeforeTheHa
 }
 
 TEST_F(UpgradeTest, firmwareWithTheRunningVersionStartsNothing) {
-    provtest::ExtractedManifestLock lock;
     provtest::TftpServer server;
     server.put(unique + ".tar", stageArchive(ACTIVE_MANIFEST, "IMAGE"));
     ASSERT_TRUE(server.start());
@@ -247,7 +245,6 @@ TEST_F(UpgradeTest, missingImageOnTheServerFailsTheUpgradeOnce) {
 }
 
 TEST_F(UpgradeTest, archiveWhoseManifestNamesAMissingImageFails) {
-    provtest::ExtractedManifestLock lock;
     provtest::TftpServer server;
     server.put(unique + ".tar", stageArchive(NEWER_MANIFEST + "image=image\n", ""));
     ASSERT_TRUE(server.start());
@@ -273,7 +270,6 @@ TEST_F(UpgradeTest, controllerThatFailsToStartEndsTheJobOnce) {
 }
 
 TEST_F(UpgradeTest, jobDestroyedWhileTheControllerWorksIsNeverCalledBack) {
-    provtest::ExtractedManifestLock lock;
     provtest::TftpServer server;
     server.put(unique + ".tar", stageArchive(NEWER_MANIFEST, imageBytes(4 * 1024 * 1024)));
     ASSERT_TRUE(server.start());
@@ -292,7 +288,6 @@ TEST_F(UpgradeTest, jobDestroyedWhileTheControllerWorksIsNeverCalledBack) {
 }
 
 TEST_F(UpgradeTest, membersClimbingOutNeverLandOutsideTheWorkDirectoryOrTheSlots) {
-    provtest::ExtractedManifestLock lock;
     provtest::TempDir elsewhere{"prov-upgrade-abs"};
     const std::string absolute = elsewhere.file("planted");
     const std::string climbing = "/tmp/" + unique + "-climbed";
@@ -353,7 +348,6 @@ TEST_F(UpgradeTest, scriptRunsOnceAndAnUnchangedTailIsSkippedNextTime) {
 }
 
 TEST_F(UpgradeTest, scriptArchiveOverHttpRuns) {
-    provtest::ExtractedManifestLock lock;
     provtest::HttpServer server;
     const std::string text = "hostname from-archive\ninterface eth1\n";
     server.put("/s/" + unique + ".tar", stageArchive(text, ""));

@@ -135,7 +135,6 @@ TEST_F(FirmwareJobTest, failedLocationIsLoggedAndTheWalkGoesOn) {
 }
 
 TEST_F(FirmwareJobTest, tarLocationTakesTheTarFlowAndHandsTheArchiveToTheController) {
-    provtest::ExtractedManifestLock lock;
     makeJob(false);
     XCode result = downloadedTar(NEWER_MANIFEST);
     ASSERT_TRUE(result.isSuccess()) << result.toString().c_str() << prov.dump();
@@ -166,7 +165,6 @@ TEST_F(FirmwareJobTest, tarLocationTakesTheTarFlowAndHandsTheArchiveToTheControl
 }
 
 TEST_F(FirmwareJobTest, tarSuffixWinsOverManifest) {
-    provtest::ExtractedManifestLock lock;
     makeJob(false);
     makeArchive(NEWER_MANIFEST);
     job->setDownloaded("tftp://127.0.0.1/fw/manifest.tar", workFile.c_str(), 0, "127.0.0.1", 0,
@@ -276,7 +274,6 @@ TEST_F(FirmwareJobTest, archiveThatTarCannotReadFailsWithTheShellsError) {
 
 TEST_F(FirmwareJobTest, unchangedVersionStartsNothingInEitherFlow) {
     {
-        provtest::ExtractedManifestLock lock;
         makeJob(true);
         XCode result = downloadedTar(ACTIVE_MANIFEST);
         EXPECT_TRUE(result.isSuccess()) << result.toString().c_str();

@@ -171,7 +171,6 @@ TEST_F(ScriptJobTest, manifestFlowHandsTheLocationToTheController) {
 }
 
 TEST_F(ScriptJobTest, tarFlowHandsTheArchiveToTheController) {
-    provtest::ExtractedManifestLock lock;
     makeJob(false);
     provtest::writeFile(staging.file("manifest"), "interface eth0\n" + TAIL_A);
     ASSERT_TRUE(provtest::makeTar(workFile, staging.path(), {"manifest"}));
