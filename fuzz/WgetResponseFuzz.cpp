@@ -176,9 +176,61 @@ struct Model {
     std::string scheme;
     std::string location;
 
+    // Where each line of `text` starts; the last line may lack its '\n'.
+    static std::vector<std::size_t> lineStarts(const std::string& text) {
+        std::vector<std::size_t> starts;
+        std::size_t at = 0;
+        while (at < text.size()) {
+            starts.push_back(at);
+            std::size_t newline = text.find('\n', at);
+            if (newline == std::string::npos) {
+                break;
+            }
+            at = newline + 1;
+        }
+        return starts;
+    }
+
+    // Start of "HTTP/" on the last line that begins with it after blanks and tabs.
+    static std::size_t lastStatusLine(const std::string& text) {
+        std::size_t found = std::string::npos;
+        for (std::size_t start : lineStarts(text)) {
+            std::size_t content = text.find_first_not_of(" \t", start);
+            if (content != std::string::npos && text.compare(content, 5, "HTTP/") == 0) {
+                found = content;
+            }
+        }
+        return found;
+    }
+
+    // Start of `name` on the first line after the status line that carries the status line's
+    // indentation and then the name; the response ends at an empty line or another indentation.
+    static std::size_t headerOf(const std::string& text, std::size_t status,
+                                const std::string& name) {
+        std::size_t statusLineStart = text.rfind('\n', status);
+        statusLineStart = statusLineStart == std::string::npos ? 0 : statusLineStart + 1;
+        const std::string indentation = text.substr(statusLineStart, status - statusLineStart);
+        for (std::size_t start : lineStarts(text)) {
+            if (start <= status) {
+                continue;
+            }
+            std::size_t content = text.find_first_not_of(" \t", start);
+            bool empty =
+                content == std::string::npos || text[content] == '\r' || text[content] == '\n';
+            if (empty || text.compare(start, indentation.size(), indentation) != 0) {
+                return std::string::npos;
+            }
+            if (content == start + indentation.size() &&
+                text.compare(content, name.size(), name) == 0) {
+                return content;
+            }
+        }
+        return std::string::npos;
+    }
+
     static bool parseResponseLine(const std::string& text, int& status, std::string& statusLine,
                                   Code& code) {
-        std::size_t start = text.rfind("HTTP/");
+        std::size_t start = lastStatusLine(text);
         if (start == std::string::npos) {
             code = failure("START OF STATUS LINE NOT FOUND");
             return false;
@@ -206,12 +258,12 @@ struct Model {
 
     static bool getHeaderLine(const std::string& text, const std::string& name, std::string& line,
                               Code& code) {
-        std::size_t response = text.rfind("HTTP/");
+        std::size_t response = lastStatusLine(text);
         if (response == std::string::npos) {
             code = failure("START OF STATUS LINE NOT FOUND");
             return false;
         }
-        std::size_t start = text.find(name, response);
+        std::size_t start = headerOf(text, response, name);
         if (start == std::string::npos) {
             code = failure("START OF HEADER NOT FOUND");
             return false;

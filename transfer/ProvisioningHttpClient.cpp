@@ -46,6 +46,77 @@ XCode failure(const char* message) {
     return result;
 }
 
+// wget prints the server's response lines indented by two blanks, among lines of its own
+// ("Location: /x [following]", "Length: 3"), and a header value may itself hold "HTTP/" (python's
+// "Server: SimpleHTTP/0.6") or a header name ("Content-Location:"). So the analysis works on whole
+// lines: a status line is a line whose first non-blank characters are "HTTP/", and a header is
+// a line of the final response that starts with its name after the same indentation.
+
+bool isBlank(char c) {
+    return c == ' ' || c == '\t';
+}
+
+int firstNonBlank(const String& text, int position) {
+    while (position < text.length() && isBlank(text.at(position))) {
+        ++position;
+    }
+    return position;
+}
+
+bool holdsAt(const String& text, int position, const String& word) {
+    if (position + word.length() > text.length()) {
+        return false;
+    }
+    for (int i = 0; i < word.length(); ++i) {
+        if (text.at(position + i) != word.at(i)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Start of the next line, -1 after the last one.
+int nextLine(const String& text, int lineStart) {
+    int end = text.indexOf('\n', lineStart);
+    return end < 0 ? -1 : end + 1;
+}
+
+// Where "HTTP/" starts on the last status line of `text`; -1 when there is none.
+int lastStatusLine(const String& text) {
+    int found = -1;
+    for (int line = 0; line >= 0 && line < text.length(); line = nextLine(text, line)) {
+        int content = firstNonBlank(text, line);
+        if (holdsAt(text, content, "HTTP/")) {
+            found = content;
+        }
+    }
+    return found;
+}
+
+// Where `name` starts on the first header line of the response whose status line starts at
+// `statusStart`, -1 when no header line of that response starts with it. The response's lines
+// follow its status line with the same indentation, up to an empty line.
+int headerLineOf(const String& text, int statusStart, const String& name) {
+    int lineStart = statusStart;
+    while (lineStart > 0 && text.at(lineStart - 1) != '\n') {
+        --lineStart;
+    }
+    const String indentation = text.substring(lineStart, statusStart);
+    for (int line = nextLine(text, statusStart); line >= 0 && line < text.length();
+         line = nextLine(text, line)) {
+        int content = firstNonBlank(text, line);
+        bool empty =
+            content >= text.length() || text.at(content) == '\r' || text.at(content) == '\n';
+        if (empty || !holdsAt(text, line, indentation)) {
+            return -1;
+        }
+        if (content == line + indentation.length() && holdsAt(text, content, name)) {
+            return content;
+        }
+    }
+    return -1;
+}
+
 // The private files of one wget run (credentials, CA directory). Released when wget has ended, or
 // when the last holder lets go (a run that was abandoned or never started).
 class WgetSecrets {
@@ -243,7 +314,7 @@ void ProvisioningHttpClient::onWgetOutput(String text) {
 
 XCode ProvisioningHttpClient::parseResponseLine(const String& text, int& status,
                                                 String& statusLine) {
-    int start = text.lastIndexOf("HTTP/");
+    int start = lastStatusLine(text);
     if (start < 0) {
         return failure("START OF STATUS LINE NOT FOUND");
     }
@@ -267,11 +338,11 @@ XCode ProvisioningHttpClient::parseResponseLine(const String& text, int& status,
 
 XCode ProvisioningHttpClient::getHeaderLine(const String& text, const String& headerName,
                                             String& line) const {
-    int responseStart = text.lastIndexOf("HTTP/");
+    int responseStart = lastStatusLine(text);
     if (responseStart < 0) {
         return failure("START OF STATUS LINE NOT FOUND");
     }
-    int start = text.indexOf(headerName, responseStart);
+    int start = headerLineOf(text, responseStart, headerName);
     if (start < 0) {
         return failure("START OF HEADER NOT FOUND");
     }

@@ -72,8 +72,9 @@ class ProvisioningHttpClient {
     int getLastStatus() const { return lastStatus; }
     const String& getLocation() const { return location; }
 
-    // Response analysis on wget's printed headers. Only the final response counts: everything
-    // before the last "HTTP/" is ignored.
+    // Response analysis on wget's printed headers, line by line. Only the final response counts:
+    // its status line is the last line whose first non-blank characters are "HTTP/", and a
+    // header is a line of that response that starts with the header's name (case included).
     [[nodiscard]] XCode parseResponseLine(const String& text, int& status, String& statusLine);
     [[nodiscard]] XCode getHeaderLine(const String& text, const String& headerName,
                                       String& line) const;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "engine/Monitors.h"
+#include "platform/Device.h"
 #include "platform/Shell.h"
 #include "platform/WgetUtil.h"
 #include "support/CaptureMonitor.h"
@@ -387,6 +388,82 @@ TEST_F(ProvisioningHttpClientTest, headerNameIsCaseSensitive) {
     EXPECT_EQ(result.getString(), "START OF HEADER NOT FOUND");
 }
 
+// What python's stock server answers, as wget -S prints it: "HTTP/" also appears in a header.
+TEST_F(ProvisioningHttpClientTest, statusLineIsALineThatStartsWithHttp) {
+    const String text(
+        "HTTP request sent, awaiting response... \n"
+        "  HTTP/1.0 200 OK\n"
+        "  Server: SimpleHTTP/0.6 Python/3.11.7\n"
+        "  Content-Length: 3\n"
+        "Length: 3 [text/plain]\n");
+    int status = -1;
+    String line;
+    ASSERT_TRUE(client.parseResponseLine(text, status, line).isSuccess());
+    EXPECT_EQ(status, 200);
+    EXPECT_EQ(line, "HTTP/1.0 200 OK");
+}
+
+TEST_F(ProvisioningHttpClientTest, statusLineMayBeIndentedWithTabs) {
+    int status = -1;
+    String line;
+    ASSERT_TRUE(client.parseResponseLine("\t HTTP/1.1 201 Created\n", status, line).isSuccess());
+    EXPECT_EQ(status, 201);
+    EXPECT_EQ(line, "HTTP/1.1 201 Created");
+}
+
+TEST_F(ProvisioningHttpClientTest, httpInsideALineIsNoStatusLine) {
+    int status = 77;
+    String line;
+    XCode result = client.parseResponseLine("  Server: SimpleHTTP/0.6\n", status, line);
+    EXPECT_EQ(result.getString(), "START OF STATUS LINE NOT FOUND");
+    EXPECT_EQ(status, 77);
+}
+
+TEST_F(ProvisioningHttpClientTest, headerIsFoundOnlyAtTheStartOfALine) {
+    struct Row {
+        const char* text;
+        const char* name;
+        const char* expected;  // the line found, or the error message
+    };
+    const Row rows[] = {
+        // another header's name ends with the one looked for
+        {"  HTTP/1.1 301 Moved\n  Content-Location: /wrong\n  Location: /right\n",
+         "Location:", "Location: /right"},
+        {"  HTTP/1.1 301 Moved\n  Content-Location: /wrong\n",
+         "Location:", "START OF HEADER NOT FOUND"},
+        {"  HTTP/1.1 401 Unauthorized\n  X-WWW-Authenticate: Basic realm=\"x\"\n",
+         "WWW-Authenticate:", "START OF HEADER NOT FOUND"},
+        // another header's value holds the name
+        {"  HTTP/1.1 302 Found\n  X-Note: see Location: /evil\n",
+         "Location:", "START OF HEADER NOT FOUND"},
+        // wget's own line after the response is not one of the response's headers
+        {"  HTTP/1.0 301 Moved\n  Server: x\nLocation: /d/ [following]\n",
+         "Location:", "START OF HEADER NOT FOUND"},
+        // a line indented deeper is not a header line of its own
+        {"  HTTP/1.1 302 Found\n    Location: /deeper\n  Location: /x\n",
+         "Location:", "Location: /x"},
+        // the response ends at an empty line
+        {"  HTTP/1.1 302 Found\n\n  Location: /after\n", "Location:", "START OF HEADER NOT FOUND"},
+        // no indentation at all, as in a bare response
+        {"HTTP/1.1 302 Found\r\nServer: a\r\nLocation: /bare\r\n",
+         "Location:", "Location: /bare\r"},
+    };
+    for (const Row& row : rows) {
+        String line;
+        XCode result = client.getHeaderLine(row.text, row.name, line);
+        EXPECT_EQ(result.isSuccess() ? line : result.getString(), row.expected) << row.text;
+    }
+}
+
+TEST_F(ProvisioningHttpClientTest, contentLocationIsNotTakenForTheRedirect) {
+    ASSERT_TRUE(client
+                    .parseLocationHeader("  HTTP/1.1 301 Moved Permanently\n"
+                                         "  Content-Location: /index.html\n"
+                                         "  Location: /new/cfg.txt\n")
+                    .isSuccess());
+    EXPECT_EQ(client.getLocation(), "/new/cfg.txt");
+}
+
 TEST_F(ProvisioningHttpClientTest, headerLineErrors) {
     String line = "untouched";
     EXPECT_EQ(client.getHeaderLine("Location: /x\n", "Location:", line).getString(),
@@ -481,14 +558,21 @@ TEST_F(ProvisioningHttpClientTest, carriageReturnSplitAcrossPiecesLogsNoEmptyLin
 // "wget" runs `true` instead: the run starts and ends at once, no server needed.
 class ProvisioningHttpClientStartTest : public ProvisioningHttpClientTest {
   protected:
+    // wget's private files go into the device's work directory: a device of its own, so that
+    // the tests do not depend on the host's /tmp/provisioning.
     void SetUp() override {
         ProvisioningHttpClientTest::SetUp();
+        Device::SET_ROOT(device.path().c_str());
+        ASSERT_TRUE(Device::PREPARE().isSuccess());
         Kt::Shell::SET_TOOL("wget", {"true"});
     }
     void TearDown() override {
         Kt::Shell::SET_TOOL("wget", {});
+        Device::SET_ROOT("");
         ProvisioningHttpClientTest::TearDown();
     }
+
+    provtest::TempDir device{"http-client-device"};
 
     Kt::Function<void(XCode)> counting() {
         return Kt::Function<void(XCode)>(Kt::asyncCall(loop), [this](XCode c) {
