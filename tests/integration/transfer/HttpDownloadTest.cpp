@@ -22,6 +22,7 @@
 #include "support/FixtureServer.h"
 #include "support/HttpServer.h"
 #include "support/Process.h"
+#include "support/RejectedCommands.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -716,7 +717,7 @@ TEST_F(HttpDownloadTest, createdConfigurationIsExecutedInsteadOfStored) {
     EXPECT_FALSE(job->getActivationFlag());
     EXPECT_EQ(storedConfig().rfind("<none", 0), 0U);
     EXPECT_EQ(provtest::readFile(device.file("running-config")),
-              "cli version 4.10\ncontext ip router\ninterface lan\nport ethernet 0 0\n");
+              "cli version 4.10\ncontext ip router\n  interface lan\nport ethernet 0 0\n");
     EXPECT_GE(prov.indexOf("[created] Executing configuration"), 0) << prov.dump();
     EXPECT_GE(prov.indexOf("[CmdExec] context ip router"), 0);
     EXPECT_FALSE(prov.contains("No stored configuration"));
@@ -739,7 +740,8 @@ TEST_F(HttpDownloadTest, createdInvalidConfigurationIsExecutedAllTheSame) {
     EXPECT_FALSE(prov.contains("NOT A VALID CONFIGURATION"));
 }
 
-TEST_F(HttpDownloadTest, createdConfigurationWithUnknownCommandsFailsToExecute) {
+TEST_F(HttpDownloadTest, createdConfigurationWithRejectedCommandsFailsToExecute) {
+    provtest::RejectedCommands rejected({"frobnicate *"});
     FixtureServer server;
     std::string path = remote(".cfg");
     server.route(path,
