@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -105,6 +106,10 @@ struct BadCliCase {
     const char* text;
     const char* message;  // after "<path>: "
 };
+
+void PrintTo(const BadCliCase& row, std::ostream* out) {
+    *out << row.text;
+}
 
 class BadCliTableTest : public DeviceSettingsTest,
                         public ::testing::WithParamInterface<BadCliCase> {};

@@ -1,6 +1,7 @@
 #include "platform/Cli.h"
 
 #include <mutex>
+#include <ostream>
 #include <vector>
 
 #include "DeviceTestSupport.h"
@@ -186,6 +187,11 @@ struct ExecutionCase {
     std::string failure;
     std::string running;
 };
+
+// Rows are named by their name in failure messages, not dumped as bytes.
+void PrintTo(const ExecutionCase& row, std::ostream* out) {
+    *out << row.name;
+}
 
 std::string withNul(const std::string& before, const std::string& after) {
     return before + std::string(1, '\0') + after;
