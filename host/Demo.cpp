@@ -20,6 +20,7 @@
 #include "host/Progress.h"
 #include "host/StderrMonitors.h"
 #include "host/StopSignals.h"
+#include "platform/Cli.h"
 #include "platform/Device.h"
 #include "platform/PrivateFile.h"
 #include "platform/Shell.h"
@@ -230,6 +231,7 @@ int RUN_DEMO(const DemoOptions& options) {
         result = FILL_CREDENTIALS(settings, credentials);
     }
     Device::SET_ROOT(demo.device);
+    CmdExec::SET_REJECTED_COMMANDS(settings.rejectedCommands);
     if (result.isSuccess()) {
         result = Device::PREPARE();
     }

@@ -54,6 +54,36 @@ XCode checkString(const toml::table& table, const char* key, const String& where
     return XCode::SUCCESS;
 }
 
+// A misspelt key would leave every command accepted without a word: only "reject" is known.
+XCode readCli(const toml::node& cli, const String& path, DeviceSettings& settings) {
+    const toml::table* table = cli.as_table();
+    if (table == nullptr) {
+        return usageError("%s: cli is not a table", path);
+    }
+    for (const auto& entry : *table) {
+        if (entry.first.str() != "reject") {
+            return usageError("%s: cli.%s is not a known key (known: reject)", path,
+                              String(std::string(entry.first.str())));
+        }
+    }
+    const toml::node* reject = table->get("reject");
+    if (reject == nullptr) {
+        return XCode::SUCCESS;
+    }
+    const toml::array* patterns = reject->as_array();
+    if (patterns == nullptr) {
+        return usageError("%s: cli.reject is not an array of strings", path);
+    }
+    for (const toml::node& pattern : *patterns) {
+        const std::optional<std::string> text = pattern.value<std::string>();
+        if (!pattern.is_string() || !text) {
+            return usageError("%s: cli.reject is not an array of strings", path);
+        }
+        settings.rejectedCommands.emplace_back(*text);
+    }
+    return XCode::SUCCESS;
+}
+
 XCode readTables(const toml::table& root, const String& path, DeviceSettings& settings) {
     if (const toml::node* values = root.get("values")) {
         if (!values->is_table()) {
@@ -104,6 +134,9 @@ XCode readTables(const toml::table& root, const String& path, DeviceSettings& se
         settings.httpsCa = stringField(view["ca"]);
         settings.httpsCert = stringField(view["cert"]);
         settings.httpsKey = stringField(view["key"]);
+    }
+    if (const toml::node* cli = root.get("cli")) {
+        return readCli(*cli, path, settings);
     }
     return XCode::SUCCESS;
 }

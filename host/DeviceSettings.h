@@ -30,6 +30,8 @@ struct DeviceSettings {
     String httpsCa;
     String httpsCert;
     String httpsKey;
+    // Glob patterns of the commands that the simulated running system refuses.
+    std::vector<String> rejectedCommands;
 };
 
 // The directory used without --device: $XDG_STATE_HOME/provctl/device, else
@@ -43,6 +45,7 @@ String DEFAULT_DEVICE_DIRECTORY();
 // A file that holds a password is refused unless it is owned by the effective user and neither
 // group nor others may read or write it.
 //   [https]         ca = "...", cert = "...", key = "..."
+//   [cli]           reject = ["ipaddress 999.*", "no *"]   (strings only; no other key)
 // Other tables ([image] of older device files, for instance) are ignored.
 [[nodiscard]] XCode LOAD_DEVICE_FILE(const String& path, DeviceSettings& settings);
 

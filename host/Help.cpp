@@ -40,10 +40,10 @@ COMMANDS
 
 DEVICE DIRECTORY
     --device DIR, default $XDG_STATE_HOME/provctl/device (or ~/.local/state/provctl/device),
-    created when missing. It holds device.toml (device values, credentials, HTTPS settings),
-    flash/, config/, running-config, slots/, status/ and the work directory tmp/provisioning/.
-    See docs/PROVCTL.md. A device.toml that holds a password is refused unless it is yours and
-    only you may read and write it (chmod 600).
+    created when missing. It holds device.toml (device values, credentials, HTTPS settings,
+    commands the simulated running system refuses), flash/, config/, running-config, slots/,
+    status/ and the work directory tmp/provisioning/. See docs/PROVCTL.md. A device.toml that
+    holds a password is refused unless it is yours and only you may read and write it (chmod 600).
 
 EXIT STATUS
     0   the command succeeded
@@ -192,7 +192,8 @@ const std::map<String, JobPage>& jobPages() {
           "    stores it as DIR/config/startup-config. With --compare an unchanged configuration\n"
           "    is not stored again (and no XFER line is written). After an HTTP 201 answer the\n"
           "    configuration is executed on the simulated running system (DIR/running-config)\n"
-          "    instead.\n",
+          "    instead; a line that matches a pattern of device.toml's [cli] reject list fails\n"
+          "    it with \"EXECUTION FAILED AT LINE <n>: <line>\".\n",
           "    provctl config tftp://127.0.0.1:6969/unit.cfg\n"
           "    provctl config --compare --reload graceful "
           "'http://127.0.0.1:8080/$(system.mac).cfg'\n"}},

@@ -13,6 +13,7 @@
 #include "host/StderrMonitors.h"
 #include "host/StopSignals.h"
 #include "jobs/upgrade/ScriptProvisioningJob.h"
+#include "platform/Cli.h"
 #include "platform/Device.h"
 #include "platform/Monitor.h"
 #include "platform/Shell.h"
@@ -130,6 +131,7 @@ int runJob(const Options& options) {
 
     // Usage errors come first: a command line that is refused creates nothing.
     Device::SET_ROOT(directory);
+    CmdExec::SET_REJECTED_COMMANDS(settings.rejectedCommands);
     XCode prepared = Device::MAKE_DIRECTORIES(directory);
     if (prepared.isSuccess()) {
         prepared = Device::PREPARE();

@@ -1,11 +1,12 @@
 #include "Cli.h"
 
 #include <fcntl.h>
+#include <fnmatch.h>
 
 #include <cerrno>
 #include <cstring>
 #include <mutex>
-#include <set>
+#include <utility>
 #include <vector>
 
 #include "Device.h"
@@ -86,24 +87,100 @@ XCode STORE_CONFIGURATION_CONTENT(const String& name, const String& content, Str
 
 namespace {
 
-// First words of the commands that the device's configuration language knows at top level.
-const std::set<String>& knownCommands() {
-    static const std::set<String> words = {
-        "cli",     "context",  "port",      "interface",     "profile",     "system",
-        "service", "ip",       "dial-plan", "sip",           "gateway",     "bind",
-        "use",     "hostname", "ntp",       "dns",           "snmp",        "webserver",
-        "exit",    "config",   "no",        "administrator", "operator",    "timezone",
-        "date",    "clock",    "sntp",      "routing-table", "call-router", "mapping-table",
-        "voip",    "pstn",     "isdn",      "tone-set",      "codec"};
-    return words;
+// One line of a configuration text as the running system sees it.
+struct ConfigLine {
+    enum Kind { Skipped, Command, SubCommand, Malformed };
+    Kind kind = Skipped;
+    String recorded;  // for running-config: indentation kept, trailing blanks dropped
+    String command;   // without indentation: what is logged, matched and named in a failure
+};
+
+bool isBlank(char c) {
+    return c == ' ' || c == '\t';
 }
 
-String firstWord(const String& line) {
-    int end = 0;
-    while (end < line.length() && line.at(end) != ' ' && line.at(end) != '\t') {
-        ++end;
+// A control character would reach running-config, the logs and the failure message as it is;
+// a tab is indentation or a separator, and a carriage return may end a line (CRLF texts).
+bool holdsControlCharacter(const String& line) {
+    for (int at = 0; at < line.length(); ++at) {
+        const auto byte = static_cast<unsigned char>(line.at(at));
+        if ((byte < 0x20 && byte != '\t') || byte == 0x7F) {
+            return true;
+        }
+    }
+    return false;
+}
+
+String withoutTrailingBlanks(const String& line) {
+    int end = line.length();
+    while (end > 0 && isBlank(line.at(end - 1))) {
+        --end;
     }
     return line.substring(0, end);
+}
+
+String withoutIndentation(const String& line) {
+    int start = 0;
+    while (start < line.length() && isBlank(line.at(start))) {
+        ++start;
+    }
+    return line.substring(start);
+}
+
+ConfigLine readConfigLine(const String& raw) {
+    String line = raw.endsWith("\r") ? raw.substring(0, raw.length() - 1) : raw;
+    ConfigLine parsed;
+    parsed.recorded = withoutTrailingBlanks(line);
+    parsed.command = withoutIndentation(parsed.recorded);
+    if (holdsControlCharacter(line)) {
+        parsed.kind = ConfigLine::Malformed;
+    } else if (parsed.command.isEmpty() || parsed.command.startsWith("!") ||
+               parsed.command.startsWith("#")) {
+        parsed.kind = ConfigLine::Skipped;
+    } else {
+        parsed.kind = isBlank(line.at(0)) ? ConfigLine::SubCommand : ConfigLine::Command;
+    }
+    return parsed;
+}
+
+std::mutex& rejectedMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+
+std::vector<String>& rejectedPatterns() {
+    static std::vector<String> patterns;
+    return patterns;
+}
+
+std::vector<String> currentRejectedPatterns() {
+    std::lock_guard<std::mutex> lock(rejectedMutex());
+    return rejectedPatterns();
+}
+
+bool isRejected(const String& command, const std::vector<String>& patterns) {
+    for (const String& pattern : patterns) {
+        if (::fnmatch(pattern.c_str(), command.c_str(), 0) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A sub-command belongs to the command above it; one before any command has none.
+bool isExecutable(const ConfigLine& line, bool afterCommand, const std::vector<String>& rejected) {
+    if (line.kind == ConfigLine::Malformed ||
+        (line.kind == ConfigLine::SubCommand && !afterCommand)) {
+        return false;
+    }
+    return !isRejected(line.command, rejected);
+}
+
+XCode executionFailure(std::size_t index, const ConfigLine& line) {
+    XCode failure(XCode::GENERIC_FAILURE);
+    return failure.setStringF("EXECUTION FAILED AT LINE %u: %s",
+                              static_cast<unsigned int>(index + 1),
+                              RTD::Monitor::ESCAPE_CONTROLS(line.command).c_str());
 }
 
 // Serialises the read-modify-write of running-config between callers on different threads.
@@ -112,41 +189,7 @@ std::mutex& runningConfigMutex() {
     return mutex;
 }
 
-}  // namespace
-
-namespace CmdExec {
-
-XCode EXECUTE(const String& commands, bool stopOnError, RTD::Monitor* monitor, int /*flags*/) {
-    String executed;
-    XCode result;
-    const std::vector<String> lines = commands.split('\n');
-    for (std::size_t index = 0; index < lines.size(); ++index) {
-        String line = lines[index];
-        line.trim();
-        if (line.isEmpty() || line.startsWith("!") || line.startsWith("#")) {
-            continue;
-        }
-        if (knownCommands().count(firstWord(line)) == 0) {
-            if (result.isSuccess()) {
-                result = XCode::GENERIC_FAILURE;
-                result.setStringF("EXECUTION FAILED AT LINE %u: %s",
-                                  static_cast<unsigned int>(index + 1), line.c_str());
-            }
-            if (stopOnError) {
-                break;
-            }
-            continue;
-        }
-        if (monitor != nullptr) {
-            monitor->monitor(6, "[CmdExec] %s", line.c_str());
-        }
-        executed += line;
-        executed += "\n";
-    }
-    if (result.isErr() || executed.isEmpty() || Device::ROOT().isEmpty()) {
-        return result;
-    }
-
+XCode appendToRunningConfig(const String& executed) {
     std::lock_guard<std::mutex> lock(runningConfigMutex());
     const String path = Device::ROOT() + "/running-config";
     String running;
@@ -159,6 +202,48 @@ XCode EXECUTE(const String& commands, bool stopOnError, RTD::Monitor* monitor, i
         return written.extendString("CANNOT UPDATE RUNNING CONFIGURATION", ": ");
     }
     return XCode::SUCCESS;
+}
+
+}  // namespace
+
+namespace CmdExec {
+
+void SET_REJECTED_COMMANDS(std::vector<String> patterns) {
+    std::lock_guard<std::mutex> lock(rejectedMutex());
+    rejectedPatterns() = std::move(patterns);
+}
+
+XCode EXECUTE(const String& commands, bool stopOnError, RTD::Monitor* monitor, int /*flags*/) {
+    const std::vector<String> rejected = currentRejectedPatterns();
+    String executed;
+    XCode result;
+    bool afterCommand = false;
+    const std::vector<String> lines = commands.split('\n');
+    for (std::size_t index = 0; index < lines.size(); ++index) {
+        const ConfigLine line = readConfigLine(lines[index]);
+        if (line.kind == ConfigLine::Skipped) {
+            continue;
+        }
+        afterCommand = afterCommand || line.kind == ConfigLine::Command;
+        if (!isExecutable(line, afterCommand, rejected)) {
+            if (result.isSuccess()) {
+                result = executionFailure(index, line);
+            }
+            if (stopOnError) {
+                break;
+            }
+            continue;
+        }
+        if (monitor != nullptr) {
+            monitor->monitor(6, "[CmdExec] %s", line.command.c_str());
+        }
+        executed += line.recorded;
+        executed += "\n";
+    }
+    if (result.isErr() || executed.isEmpty() || Device::ROOT().isEmpty()) {
+        return result;
+    }
+    return appendToRunningConfig(executed);
 }
 
 }  // namespace CmdExec

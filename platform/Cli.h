@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vector>
+
 #include "Monitor.h"
 #include "String.h"
 #include "XCode.h"
@@ -19,7 +21,22 @@ String GET_STARTUP_CONFIGURATION_NAME();  // "startup-config"
 // appends what it executed to the device directory's running-config.
 namespace CmdExec {
 
+// Runs every line that is not blank and not a comment ("!" or "#" after any indentation). A line
+// without indentation is a command; an indented line is a sub-command of the command above it and
+// keeps its indentation in running-config. Refused, as "EXECUTION FAILED AT LINE <n>: <line>"
+// (n counts every line from 1, the line is shown without indentation and with control characters
+// escaped): a sub-command before any command, a line holding a control character other than tab
+// (a carriage return may end a line), and a line that a rejected pattern matches. Every line run
+// is logged as "[CmdExec] <line>" at level 6 on `monitor` (if not null). With `stopOnError` the
+// first refused line ends the run; without, the rest still runs and the first failure is
+// returned. running-config is appended to only when no line was refused.
 [[nodiscard]] XCode EXECUTE(const String& commands, bool stopOnError, RTD::Monitor* monitor,
                             int flags);
+
+// The commands that the simulated system refuses, to make an execution fail on purpose: glob
+// patterns (fnmatch, no flags) matched against a line without its indentation and trailing
+// blanks, sub-commands included. Empty until set; the host sets them from the device file, tests
+// reset them with an empty list. Thread-safe; an execution uses the list of its start.
+void SET_REJECTED_COMMANDS(std::vector<String> patterns);
 
 }  // namespace CmdExec

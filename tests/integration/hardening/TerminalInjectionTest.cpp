@@ -1,7 +1,8 @@
 // Text from a hostile server (a TFTP error message that busybox tftp prints as it came, a
 // manifest, the realm of a challenge, a Location header) carries escape sequences and carriage
 // returns that would retitle, clear or overwrite the terminal that shows the log. Every monitor
-// line, and everything provctl prints, holds them escaped as "\xHH".
+// line, and everything provctl prints, holds them escaped as "\xHH". A configuration executed on
+// the running system is refused whole when a line holds one: running-config is shown to people.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -164,11 +165,12 @@ TEST_F(TerminalInjectionTest, provctlPrintsManifestRealmAndLocationEscaped) {
     EXPECT_NE(firmware.err.find("sw_type=X" + HOSTILE_UTF8_ESCAPED), std::string::npos)
         << firmware.err;
     EXPECT_TRUE(noRawControlPrinted(firmware));
-    // The result quotes the manifest; as JSON too it reaches the terminal escaped.
+    // The result quotes the manifest line that the running system refused, escaped by it; as
+    // JSON too it reaches the terminal escaped.
     ProvctlOutcome json =
         runProvctl(runs, {"firmware", "--json", "--device", provctlDevice(), server.url(manifest)});
     EXPECT_NE(json.out.find("\"ok\""), std::string::npos) << json.out;
-    EXPECT_NE(json.out.find("sw_type=X\\u001b]0;pwned"), std::string::npos) << json.out;
+    EXPECT_NE(json.out.find("sw_type=X\\\\x1B]0;pwned"), std::string::npos) << json.out;
     EXPECT_TRUE(noRawControlPrinted(json));
 
     ProvctlOutcome config =
@@ -181,6 +183,31 @@ TEST_F(TerminalInjectionTest, provctlPrintsManifestRealmAndLocationEscaped) {
     EXPECT_NE(config.err.find("]   Realm:  "), std::string::npos) << config.err;
     EXPECT_NE(config.err.find(base + "/x"), std::string::npos) << config.err;
     EXPECT_TRUE(noRawControlPrinted(config));
+}
+
+TEST_F(TerminalInjectionTest, createdConfigurationWithControlsIsRefusedAndNotRecorded) {
+    FixtureServer server;
+    const std::string path = "/" + remote(".cfg");
+    server.route(path, {FixtureResponse::withStatus(
+                           201, "hostname gw\ninterface eth0\n  description " + HOSTILE_UTF8 +
+                                    "\n  ipaddress 10.0.0.1 255.0.0.0\n")});
+    ASSERT_TRUE(server.start());
+    auto job = configJob(server.url(path).c_str(), "term");
+    ASSERT_TRUE(job->execute().isSuccess()) << prov.dump();
+    ASSERT_TRUE(runToEnd());
+    EXPECT_EQ(told().getString().str(),
+              "EXECUTION FAILED AT LINE 3: description " + HOSTILE_UTF8_ESCAPED);
+    EXPECT_FALSE(fileExists(device.file("running-config")));
+    EXPECT_TRUE(noRawControlLogged());
+
+    ProvctlOutcome run =
+        runProvctl(runs, {"config", "-v", "6", "--device", provctlDevice(), server.url(path)});
+    EXPECT_EQ(run.status, 1) << run.err;
+    EXPECT_EQ(run.out.substr(run.out.rfind("result: ")),
+              "result: EXECUTION FAILED AT LINE 3: description " + HOSTILE_UTF8_ESCAPED +
+                  " (0x7FFFFFFF)\n");
+    EXPECT_FALSE(fileExists(provctlDevice() + "/running-config"));
+    EXPECT_TRUE(noRawControlPrinted(run));
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "support/Certificates.h"
+#include "support/FixtureServer.h"
 #include "support/HttpServer.h"
 #include "support/Process.h"
 #include "support/ProvctlRun.h"
@@ -239,6 +240,17 @@ TEST_F(ProvctlTest, malformedCredentialsInDeviceTomlAreAUsageError) {
     writeFile(device() + "/device.toml", "[credentials]\nrealm = \"user:password\"\n");
     Outcome run = provctl({"config", "--device", device(), "http://127.0.0.1/x"});
     EXPECT_EQ(run.status, 2);
+}
+
+TEST_F(ProvctlTest, rejectListOfTheWrongTypeInDeviceTomlIsAUsageError) {
+    writeFile(device() + "/device.toml", "[cli]\nreject = \"no *\"\n");
+    Outcome run = provctl({"config", "--device", device(), "http://127.0.0.1/x"});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.out, "");
+    EXPECT_TRUE(contains(
+        run.err, "provctl: " + device() + "/device.toml: cli.reject is not an array of strings\n"))
+        << run.err;
+    EXPECT_FALSE(provtest::fileExists(device() + "/config"));
 }
 
 TEST_F(ProvctlTest, versionIsPrinted) {
@@ -581,6 +593,78 @@ TEST_F(ProvctlHttpsTest, httpsAuthOptionGivesTheThreeStrings) {
                             certs_.rootCa() + "," + certs_.clientCert() + "," + certs_.clientKey(),
                             server_->url(keyPath_)});
     EXPECT_EQ(with.status, 0) << with.err;
+}
+
+// --- HTTP 201: executed on the running system ---
+
+// An ordinary configuration: comments, a blank line, and sub-commands two levels deep.
+const char* const NESTED_CONFIG =
+    "! unit 17\n"
+    "cli version 4.12\n"
+    "\n"
+    "context ip router\n"
+    "  interface eth0\n"
+    "    ipaddress 10.0.0.1 255.255.255.0\n"
+    "port ethernet 0 0\n"
+    "  bind interface eth0 router\n";
+const char* const NESTED_RUNNING =
+    "cli version 4.12\n"
+    "context ip router\n"
+    "  interface eth0\n"
+    "    ipaddress 10.0.0.1 255.255.255.0\n"
+    "port ethernet 0 0\n"
+    "  bind interface eth0 router\n";
+
+class ProvctlCreatedTest : public ProvctlTest {
+  protected:
+    void SetUp() override {
+        server_.route(path_, {provtest::FixtureResponse::withStatus(201, NESTED_CONFIG)});
+        ASSERT_TRUE(server_.start()) << server_.log();
+    }
+    std::string url() const { return server_.url(path_); }
+
+    const std::string path_ = "/" + unique("created") + ".cfg";
+    provtest::FixtureServer server_;
+};
+
+TEST_F(ProvctlCreatedTest, configIsExecutedIntoRunningConfigWithItsIndentation) {
+    Outcome run = provctl({"config", "--device", device(), url()});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(lastLine(run.out), "result: OK") << run.out;
+    EXPECT_TRUE(contains(run.out, "activation: no\n")) << run.out;
+    EXPECT_EQ(readFile(device() + "/running-config"), NESTED_RUNNING);
+    EXPECT_FALSE(provtest::fileExists(device() + "/config/startup-config"));
+    EXPECT_TRUE(contains(run.err, "PROV 6 [CmdExec] ipaddress 10.0.0.1 255.255.255.0\n"))
+        << run.err;
+    EXPECT_TRUE(contains(run.err, "XFER 6 config : " + url() + " -> running-config : succeeded\n"))
+        << run.err;
+    EXPECT_TRUE(contains(run.err, "EVENT 6 [config] Received and executed configuration\n"))
+        << run.err;
+}
+
+TEST_F(ProvctlCreatedTest, rejectPatternInDeviceTomlFailsTheExecutionAtItsLine) {
+    writeFile(device() + "/device.toml", "[cli]\nreject = [\"no *\", \"ipaddress 10.*\"]\n");
+    Outcome run = provctl({"config", "--json", "--device", device(), url()});
+    EXPECT_EQ(run.status, 1) << run.err;
+    EXPECT_EQ(parseJson(run)["message"],
+              "EXECUTION FAILED AT LINE 6: ipaddress 10.0.0.1 255.255.255.0");
+    EXPECT_FALSE(provtest::fileExists(device() + "/running-config"));
+    EXPECT_TRUE(contains(run.err,
+                         "PROV 3 [config] EXECUTION FAILED: EXECUTION FAILED AT LINE 6: "
+                         "ipaddress 10.0.0.1 255.255.255.0"))
+        << run.err;
+}
+
+TEST_F(ProvctlCreatedTest, rejectPatternsLeaveAStoredConfigurationAlone) {
+    // Answered 200, the same text is validated and stored: nothing of it runs, so nothing of it
+    // is refused.
+    const std::string stored = "/" + unique("stored") + ".cfg";
+    server_.route(stored, {provtest::FixtureResponse::ok(NESTED_CONFIG)});
+    writeFile(device() + "/device.toml", "[cli]\nreject = [\"*\"]\n");
+    Outcome run = provctl({"config", "--device", device(), server_.url(stored)});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(readFile(device() + "/config/startup-config"), NESTED_CONFIG);
+    EXPECT_FALSE(provtest::fileExists(device() + "/running-config"));
 }
 
 // --- firmware and script ---

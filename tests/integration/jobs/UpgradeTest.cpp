@@ -20,6 +20,7 @@
 #include "support/CaptureMonitor.h"
 #include "support/Certificates.h"
 #include "support/HttpServer.h"
+#include "support/RejectedCommands.h"
 #include "support/TempDir.h"
 #include "support/TftpServer.h"
 #include "support/UpgradeSupport.h"
@@ -361,6 +362,7 @@ TEST_F(UpgradeTest, scriptArchiveOverHttpRuns) {
 TEST_F(UpgradeTest, failingScriptLineEndsTheJobOnceAndKeepsTheFingerprint) {
     provtest::HttpServer server;
     server.put("/s/" + unique + ".manifest", "hostname ok\nno-such-command here\nhostname no\n");
+    provtest::RejectedCommands rejected({"no-such-command *"});
     ASSERT_TRUE(server.start());
     run(makeScript(server.url("/s/" + unique + ".manifest"), false));
     EXPECT_EQ(lastResult().getString().str().rfind("SCRIPT FAILED AT LINE 2: ", 0), 0u)

@@ -22,6 +22,7 @@
 #include "support/FixtureServer.h"
 #include "support/HttpServer.h"
 #include "support/Process.h"
+#include "support/RejectedCommands.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -716,7 +717,7 @@ TEST_F(HttpDownloadTest, createdConfigurationIsExecutedInsteadOfStored) {
     EXPECT_FALSE(job->getActivationFlag());
     EXPECT_EQ(storedConfig().rfind("<none", 0), 0U);
     EXPECT_EQ(provtest::readFile(device.file("running-config")),
-              "cli version 4.10\ncontext ip router\ninterface lan\nport ethernet 0 0\n");
+              "cli version 4.10\ncontext ip router\n  interface lan\nport ethernet 0 0\n");
     EXPECT_GE(prov.indexOf("[created] Executing configuration"), 0) << prov.dump();
     EXPECT_GE(prov.indexOf("[CmdExec] context ip router"), 0);
     EXPECT_FALSE(prov.contains("No stored configuration"));
@@ -739,7 +740,8 @@ TEST_F(HttpDownloadTest, createdInvalidConfigurationIsExecutedAllTheSame) {
     EXPECT_FALSE(prov.contains("NOT A VALID CONFIGURATION"));
 }
 
-TEST_F(HttpDownloadTest, createdConfigurationWithUnknownCommandsFailsToExecute) {
+TEST_F(HttpDownloadTest, createdConfigurationWithRejectedCommandsFailsToExecute) {
+    provtest::RejectedCommands rejected({"frobnicate *"});
     FixtureServer server;
     std::string path = remote(".cfg");
     server.route(path,
@@ -752,6 +754,64 @@ TEST_F(HttpDownloadTest, createdConfigurationWithUnknownCommandsFailsToExecute) 
     EXPECT_EQ(result().getString(), "EXECUTION FAILED AT LINE 2: frobnicate the gateway");
     EXPECT_FALSE(provtest::fileExists(device.file("running-config")));
     EXPECT_GE(xfer.indexOf(("unknown : " + url + " -> running-config : ").str() +
+                           result().toString().str()),
+              0)
+        << xfer.dump();
+    EXPECT_FALSE(event.contains("Received"));
+}
+
+// An ordinary configuration: comments, a blank line, and sub-commands two levels deep.
+const char* const NESTED_CONFIG =
+    "! unit 17\n"
+    "cli version 4.10\n"
+    "\n"
+    "context ip router\n"
+    "  interface eth0\n"
+    "    ipaddress 10.0.0.1 255.255.255.0\n"
+    "  interface lan\n"
+    "    ipaddress 192.168.1.1 255.255.255.0\n"
+    "port ethernet 0 0\n"
+    "  bind interface eth0 router\n";
+
+TEST_F(HttpDownloadTest, createdConfigurationWithSubCommandsRunsWithItsIndentation) {
+    FixtureServer server;
+    std::string path = remote(".cfg");
+    server.route(path, {FixtureResponse::withStatus(201, NESTED_CONFIG)});
+    ASSERT_TRUE(server.start());
+    String url = server.url(path).c_str();
+    auto job = configJob("nested", {url});
+    ASSERT_TRUE(job->execute().isSuccess());
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(result().isSuccess()) << result().toString().str() << "\n" << prov.dump();
+    EXPECT_EQ(provtest::readFile(device.file("running-config")),
+              "cli version 4.10\n"
+              "context ip router\n"
+              "  interface eth0\n"
+              "    ipaddress 10.0.0.1 255.255.255.0\n"
+              "  interface lan\n"
+              "    ipaddress 192.168.1.1 255.255.255.0\n"
+              "port ethernet 0 0\n"
+              "  bind interface eth0 router\n");
+    EXPECT_EQ(storedConfig().rfind("<none", 0), 0U);
+    EXPECT_GE(prov.indexOf("[CmdExec] ipaddress 10.0.0.1 255.255.255.0"), 0) << prov.dump();
+    EXPECT_GE(event.indexOf("[nested] Received and executed configuration"), 0);
+    EXPECT_GE(xfer.indexOf(("nested : " + url + " -> running-config : succeeded").str()), 0)
+        << xfer.dump();
+}
+
+TEST_F(HttpDownloadTest, rejectedSubCommandFailsTheCreatedConfigurationAtItsLine) {
+    provtest::RejectedCommands rejected({"ipaddress 10.*"});
+    FixtureServer server;
+    std::string path = remote(".cfg");
+    server.route(path, {FixtureResponse::withStatus(201, NESTED_CONFIG)});
+    ASSERT_TRUE(server.start());
+    String url = server.url(path).c_str();
+    auto job = configJob("nested", {url});
+    ASSERT_TRUE(job->execute().isSuccess());
+    ASSERT_TRUE(runToEnd());
+    EXPECT_EQ(result().getString(), "EXECUTION FAILED AT LINE 6: ipaddress 10.0.0.1 255.255.255.0");
+    EXPECT_FALSE(provtest::fileExists(device.file("running-config")));
+    EXPECT_GE(xfer.indexOf(("nested : " + url + " -> running-config : ").str() +
                            result().toString().str()),
               0)
         << xfer.dump();

@@ -3,6 +3,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <ostream>
+#include <string>
+#include <vector>
+
 #include "support/TempDir.h"
 
 namespace {
@@ -85,6 +89,49 @@ TEST_F(DeviceSettingsTest, httpsTableGivesTheThreeStrings) {
 TEST_F(DeviceSettingsTest, imageTableIsIgnored) {
     EXPECT_TRUE(load("[image]\nactive = 2\n").isSuccess());
 }
+
+TEST_F(DeviceSettingsTest, cliRejectGivesThePatternsInOrder) {
+    ASSERT_TRUE(load("[cli]\nreject = [\"ipaddress 999.*\", \"no *\", \"\"]\n").isSuccess());
+    EXPECT_EQ(settings.rejectedCommands, (std::vector<String>{"ipaddress 999.*", "no *", ""}));
+}
+
+TEST_F(DeviceSettingsTest, withoutCliTableNothingIsRejected) {
+    ASSERT_TRUE(load("[cli]\n").isSuccess());
+    EXPECT_TRUE(settings.rejectedCommands.empty());
+    ASSERT_TRUE(load("[cli]\nreject = []\n").isSuccess());
+    EXPECT_TRUE(settings.rejectedCommands.empty());
+}
+
+struct BadCliCase {
+    const char* text;
+    const char* message;  // after "<path>: "
+};
+
+void PrintTo(const BadCliCase& row, std::ostream* out) {
+    *out << row.text;
+}
+
+class BadCliTableTest : public DeviceSettingsTest,
+                        public ::testing::WithParamInterface<BadCliCase> {};
+
+TEST_P(BadCliTableTest, isAUsageErrorNamingFileAndKey) {
+    settings.rejectedCommands = {"kept"};
+    XCode result = load(GetParam().text);
+    ASSERT_TRUE(result.isErr()) << GetParam().text;
+    EXPECT_EQ(result.getString().str(), path() + ": " + GetParam().message);
+    EXPECT_EQ(settings.rejectedCommands, std::vector<String>{"kept"});
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, BadCliTableTest,
+    ::testing::Values(
+        BadCliCase{"cli = \"no *\"\n", "cli is not a table"},
+        BadCliCase{"[cli]\nreject = \"no *\"\n", "cli.reject is not an array of strings"},
+        BadCliCase{"[cli]\nreject = [\"no *\", 3]\n", "cli.reject is not an array of strings"},
+        BadCliCase{"[cli]\nreject = [[\"no *\"]]\n", "cli.reject is not an array of strings"},
+        BadCliCase{"[cli.reject]\nx = \"no *\"\n", "cli.reject is not an array of strings"},
+        BadCliCase{"[cli]\nrejects = [\"no *\"]\n",
+                   "cli.rejects is not a known key (known: reject)"}));
 
 TEST_F(DeviceSettingsTest, commandLineComesAfterTheFile) {
     ASSERT_TRUE(load("[values]\n\"system.serial\" = \"file\"\n[https]\nca = \"a\"\n").isSuccess());

@@ -16,6 +16,7 @@
 #include "platform/FileNode.h"
 #include "platform/KtEventLoop.h"
 #include "platform/SlotState.h"
+#include "support/RejectedCommands.h"
 #include "support/TempDir.h"
 #include "support/UpgradeSupport.h"
 
@@ -199,6 +200,7 @@ TEST_F(UpdateControllerTest, archiveWithoutImageIsAScriptRunLineByLine) {
 }
 
 TEST_F(UpdateControllerTest, failingScriptLineIsNamed) {
+    provtest::RejectedCommands rejected({"bogus *"});
     provtest::writeFile(staging.file("manifest"), "hostname one\nbogus command\nhostname two\n");
     tarOf({"manifest"});
     ASSERT_TRUE(start("file:" + archive).isSuccess());

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "platform/Cli.h"
+#include "support/RejectedCommands.h"
 #include "unit/jobs/content/ContentJobSupport.h"
 
 namespace {
@@ -282,6 +283,7 @@ TEST_F(ConfigProvisioningJobTest, failedExecutionReturnsTheExecutorsErrorAndKeep
     makeJob(true);
     job->setComparisonAllowed(false);
     job->setActivationFlag(true);
+    provtest::RejectedCommands rejected({"frobnicate *"});
     XCode result = downloaded("hostname gateway\nfrobnicate now\n");
     ASSERT_TRUE(result.isErr());
     EXPECT_EQ(result.getString(), "EXECUTION FAILED AT LINE 2: frobnicate now");
