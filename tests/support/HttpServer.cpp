@@ -90,6 +90,11 @@ std::string quoted(const std::string& text) {
 
 }  // namespace
 
+std::string htdigestLine(const std::string& user, const std::string& realm,
+                         const std::string& password) {
+    return user + ":" + realm + ":" + md5Hex(user + ":" + realm + ":" + password);
+}
+
 HttpServer::HttpServer() : HttpServer(Options()) {}
 
 HttpServer::HttpServer(Options options)
@@ -129,7 +134,7 @@ std::string HttpServer::makeConfig(std::string& error) const {
         << "server.bind = \"127.0.0.1\"\n"
         << "server.port = " << port_ << "\n"
         << "server.systemd-socket-activation = \"enable\"\n"
-        << "server.modules = (\"mod_auth\", \"mod_authn_file\", \"mod_redirect\""
+        << "server.modules = (\"mod_access\", \"mod_auth\", \"mod_authn_file\", \"mod_redirect\""
         << (options_.https ? ", \"mod_openssl\"" : "")
         << ")\n"
         // Files change between requests of a test; lighttpd must not serve a cached stat.
@@ -143,8 +148,7 @@ std::string HttpServer::makeConfig(std::string& error) const {
     if (!options_.auth.empty()) {
         std::string users;
         for (const AuthZone& zone : options_.auth) {
-            users += zone.user + ":" + zone.realm + ":" +
-                     md5Hex(zone.user + ":" + zone.realm + ":" + zone.password) + "\n";
+            users += htdigestLine(zone.user, zone.realm, zone.password) + "\n";
             if (paths.insert(zone.path).second) {
                 rules.push_back(quoted(zone.path) + " => (\"method\" => " +
                                 (zone.scheme == Scheme::Basic ? "\"basic\"" : "\"digest\"") +
@@ -189,6 +193,11 @@ std::string HttpServer::makeConfig(std::string& error) const {
             conf << (i == 0 ? "\n    " : ",\n    ") << rules[i];
         }
         conf << "\n)\n";
+    }
+    for (const std::string& path : options_.forbidden) {
+        conf << "$HTTP[\"url\"] =^ " << quoted(path) << " {\n"
+             << "    url.access-deny = (\"\")\n"
+             << "}\n";
     }
     for (const Redirect& redirect : options_.redirects) {
         conf << "$HTTP[\"url\"] == " << quoted(redirect.from) << " {\n"

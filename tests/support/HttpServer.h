@@ -53,6 +53,8 @@ class HttpServer {
         std::vector<std::string> clientCertPaths;
         // HTTPS only: the TLS handshake itself fails without such a client certificate.
         bool requireClientCert = false;
+        // Requests under these prefixes are answered 403.
+        std::vector<std::string> forbidden;
     };
 
     HttpServer();
@@ -88,5 +90,10 @@ class HttpServer {
     unsigned int port_ = 0;
     ServerProcess process_;
 };
+
+// A user line of an htdigest file (lighttpd, Apache): "user:realm:" followed by the hex MD5 of
+// "user:realm:password", without the line end.
+std::string htdigestLine(const std::string& user, const std::string& realm,
+                         const std::string& password);
 
 }  // namespace provtest

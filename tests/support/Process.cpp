@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -455,6 +456,46 @@ CommandResult runCommand(const std::vector<std::string>& argv, std::chrono::mill
         return ::testing::AssertionFailure() << error;
     }
     return ::testing::AssertionSuccess();
+}
+
+namespace {
+
+// Waits until `until` and tells whether the process has exited by then; an exit ends the wait.
+bool exitsBefore(const ServerProcess& process, Clock::time_point until) {
+    if (process.exitFd() >= 0) {
+        return pollReadable(process.exitFd(), -1, until) > 0;
+    }
+    ::poll(nullptr, 0, remainingMs(until));
+    return !process.running();
+}
+
+}  // namespace
+
+::testing::AssertionResult waitForTcpListener(unsigned int port, const ServerProcess& process,
+                                              std::chrono::milliseconds timeout) {
+    Clock::time_point deadline = Clock::now() + timeout;
+    for (;;) {
+        int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) {
+            return ::testing::AssertionFailure() << errnoText("socket");
+        }
+        sockaddr_in address = loopback(port);
+        int connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        std::string error = connected != 0 ? errnoText("connect") : "";
+        ::close(fd);
+        if (connected == 0) {
+            return ::testing::AssertionSuccess();
+        }
+        // The pause before the next attempt ends early when the server exits.
+        Clock::time_point retry = std::min(deadline, Clock::now() + std::chrono::milliseconds(20));
+        if (exitsBefore(process, retry)) {
+            return ::testing::AssertionFailure() << "the server exited (" << error << ")";
+        }
+        if (Clock::now() >= deadline) {
+            return ::testing::AssertionFailure()
+                   << "nothing listens on port " << port << " in time (" << error << ")";
+        }
+    }
 }
 
 }  // namespace provtest

@@ -122,4 +122,10 @@ CommandResult runCommand(const std::vector<std::string>& argv,
                                             const ServerProcess& process,
                                             std::chrono::milliseconds timeout);
 
+// For a server that binds its port itself: connects to 127.0.0.1:port until a connection is
+// accepted. A refused connection is tried again (every 20 ms) until `process` exits or the
+// deadline passes.
+::testing::AssertionResult waitForTcpListener(unsigned int port, const ServerProcess& process,
+                                              std::chrono::milliseconds timeout);
+
 }  // namespace provtest
