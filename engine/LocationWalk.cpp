@@ -16,7 +16,8 @@ XCode ProvisioningJob::resolveLocationExpressions(String& location) {
     if (result.isErr()) {
         return result.extendString("CANNOT RESOLVE ALL EXPRESSIONS", ": ");
     }
-    ProvLog::progress("[%s] Location resolved to %s", name.c_str(), location.c_str());
+    ProvLog::progress("[%s] Location resolved to %s", name.c_str(),
+                      UriUtil::maskLogin(location).c_str());
     return result;
 }
 
@@ -47,20 +48,36 @@ XCode protocolNotSupported(const String& scheme) {
 
 }  // namespace
 
+XCode ProvisioningJob::takeLocation(String& location, UriUtil::Parts& parts) {
+    XCode result = resolveLocationExpressions(location);
+    if (result.isSuccess()) {
+        String error;
+        result = UriUtil::splitUri(location, parts, error);
+        if (result.isErr()) {
+            result.setString(error);
+        }
+    }
+    // From here on the password is in locationLogin only: every later log line, the transfer log
+    // and the status record show the location through this field.
+    location = UriUtil::maskLogin(location);
+    locationLogin = result.isSuccess() ? parts.login : UriUtil::Login();
+    if (result.isSuccess()) {
+        host = parts.host;
+        port = parts.port;
+        path = parts.path;
+    }
+    return result;
+}
+
 XCode ProvisioningJob::downloadFromCurrentLocation() {
     ProvLog::progress("[%s] Trying to download from location %s", name.c_str(),
-                      downloadLocation.c_str());
-    XCode result = resolveLocationExpressions(downloadLocation);
+                      UriUtil::maskLogin(downloadLocation).c_str());
+    UriUtil::Parts parts;
+    XCode result = takeLocation(downloadLocation, parts);
     if (result.isErr()) {
         return result;
     }
-    String scheme;
-    String error;
-    result = UriUtil::splitUri(downloadLocation, scheme, host, port, path, error);
-    if (result.isErr()) {
-        return result.setString(error);
-    }
-    switch (protocolOf(scheme)) {
+    switch (protocolOf(parts.scheme)) {
         case TFTP:
             protocol = TFTP;
             return startFileDownloadTftp(port, path, host);
@@ -71,23 +88,19 @@ XCode ProvisioningJob::downloadFromCurrentLocation() {
             protocol = HTTPS;
             return startFileDownloadHttps(port, path, host);
         default:
-            return protocolNotSupported(scheme);
+            return protocolNotSupported(parts.scheme);
     }
 }
 
 XCode ProvisioningJob::uploadFromCurrentLocation() {
-    ProvLog::progress("[%s] Trying to upload to location %s", name.c_str(), uploadLocation.c_str());
-    XCode result = resolveLocationExpressions(uploadLocation);
+    ProvLog::progress("[%s] Trying to upload to location %s", name.c_str(),
+                      UriUtil::maskLogin(uploadLocation).c_str());
+    UriUtil::Parts parts;
+    XCode result = takeLocation(uploadLocation, parts);
     if (result.isErr()) {
         return result;
     }
-    String scheme;
-    String error;
-    result = UriUtil::splitUri(uploadLocation, scheme, host, port, path, error);
-    if (result.isErr()) {
-        return result.setString(error);
-    }
-    switch (protocolOf(scheme)) {
+    switch (protocolOf(parts.scheme)) {
         case TFTP:
             protocol = TFTP;
             return startFileUploadTftp(port, path, host);
@@ -98,7 +111,7 @@ XCode ProvisioningJob::uploadFromCurrentLocation() {
             protocol = HTTPS;
             return startFileUploadHttps(port, path, host);
         default:
-            return protocolNotSupported(scheme);
+            return protocolNotSupported(parts.scheme);
     }
 }
 

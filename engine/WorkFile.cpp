@@ -3,6 +3,7 @@
 #include "platform/Device.h"
 #include "platform/FileNode.h"
 #include "platform/KtFile.h"
+#include "platform/UriUtil.h"
 
 namespace {
 constexpr const char* WORK_DIRECTORY = "/tmp/provisioning/";
@@ -31,14 +32,20 @@ XCode createFreshFile(const String& file) {
 }
 }  // namespace
 
-XCode ProvisioningJob::createOutFile(const String& locationPath) {
-    outFile = WORK_DIRECTORY;
+String ProvisioningJob::WORK_FILE_NAME(const String& locationPath) {
+    // A query or fragment may hold any text, "/" and ";" included: it never names the file.
+    const String named = UriUtil::pathOnly(locationPath);
     String beforeParameters;
     String ignored;
-    if (!locationPath.split(';', beforeParameters, ignored)) {
-        beforeParameters = locationPath;
+    if (!named.split(';', beforeParameters, ignored)) {
+        beforeParameters = named;
     }
-    String fileName = beforeParameters.substring(beforeParameters.lastIndexOf('/') + 1);
+    return beforeParameters.substring(beforeParameters.lastIndexOf('/') + 1);
+}
+
+XCode ProvisioningJob::createOutFile(const String& locationPath) {
+    outFile = WORK_DIRECTORY;
+    String fileName = WORK_FILE_NAME(locationPath);
     XCode result;
     if (fileName.isEmpty()) {
         result = testExpression(false).setString("INVALID LOCATION: Cannot download folder");

@@ -42,8 +42,11 @@ XCode resolveImage(const String& manifestUri, const String& image, String& image
     if (result.isErr()) {
         return result.setStringF("CANNOT FETCH %s: %s", manifestUri.c_str(), error.c_str());
     }
-    String imagePath =
-        image.startsWith("/") ? image : path.substring(0, path.lastIndexOf('/') + 1) + image;
+    // The manifest's query and fragment are its own: the image lies beside its path.
+    const String directory = UriUtil::pathOnly(path);
+    String imagePath = image.startsWith("/")
+                           ? image
+                           : directory.substring(0, directory.lastIndexOf('/') + 1) + image;
     imageUri = UriUtil::buildUri(scheme, host, port, imagePath);
     return result;
 }

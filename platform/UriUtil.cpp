@@ -2,12 +2,56 @@
 
 namespace UriUtil {
 
+const char* const MASKED_LOGIN = "***";
+
 namespace {
 
-XCode refuse(String& error, const String& text) {
-    error = text;
+const char* const SCHEME_SEPARATOR = "://";
+constexpr int SCHEME_SEPARATOR_LENGTH = 3;
+
+// Where the parts of a location lie in its text: [authorityStart, loginEnd) is the login (when
+// loginEnd >= 0, the '@' at loginEnd), [hostStart, hostEnd) host and port, the path from hostEnd.
+struct Layout {
+    int separator = -1;
+    int authorityStart = 0;
+    int loginEnd = -1;
+    int hostStart = 0;
+    int hostEnd = 0;
+};
+
+// False when `text` has no "://". The authority runs to the first '/', so that a password's raw
+// '#' or '?' is found inside the login and masked, never taken for the start of the path.
+bool locate(const String& text, Layout& layout) {
+    layout.separator = text.indexOf(SCHEME_SEPARATOR);
+    if (layout.separator < 0) {
+        return false;
+    }
+    layout.authorityStart = layout.separator + SCHEME_SEPARATOR_LENGTH;
+    int slash = text.indexOf('/', layout.authorityStart);
+    int authorityEnd = slash < 0 ? text.length() : slash;
+    layout.loginEnd = -1;
+    for (int i = authorityEnd - 1; i >= layout.authorityStart; --i) {
+        if (text.at(i) == '@') {
+            layout.loginEnd = i;
+            break;
+        }
+    }
+    layout.hostStart = layout.loginEnd < 0 ? layout.authorityStart : layout.loginEnd + 1;
+    layout.hostEnd = authorityEnd;
+    for (int i = layout.hostStart; i < authorityEnd; ++i) {
+        if (text.at(i) == '?' || text.at(i) == '#') {
+            layout.hostEnd = i;
+            break;
+        }
+    }
+    return true;
+}
+
+// The location shows with its login masked: the text goes into logs and job results.
+XCode refuseUri(String& error, const String& uri, const char* reason) {
+    error = String::format("Invalid URI '%s': %s", maskLogin(uri).c_str(), reason);
     XCode code(XCode::GENERIC_FAILURE);
-    return code.setString(text);
+    return code.setString(error);
 }
 
 // A host reaches tftp and wget as an argument of its own: it must not be readable as an option,
@@ -28,76 +72,147 @@ const char* hostFault(const String& host) {
     return "";
 }
 
-}  // namespace
-
-XCode splitUri(const String& uri, String& scheme, String& host, unsigned int& port, String& path,
-               String& error) {
-    int separator = uri.indexOf("://");
-    if (separator < 0) {
-        return refuse(error, String::format("Invalid URI '%s': missing '://'", uri.c_str()));
+int hexValue(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
     }
-    if (separator == 0) {
-        return refuse(error, String::format("Invalid URI '%s': empty scheme", uri.c_str()));
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
     }
-    const int authorityStart = separator + 3;
-    int pathStart = uri.indexOf('/', authorityStart);
-    String authority =
-        pathStart < 0 ? uri.substring(authorityStart) : uri.substring(authorityStart, pathStart);
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
 
-    String hostPart;
-    String portPart;
-    bool hasPort = false;
-    if (authority.startsWith("[")) {
-        int close = authority.indexOf(']');
-        if (close < 0) {
-            return refuse(
-                error, String::format("Invalid URI '%s': unterminated IPv6 address", uri.c_str()));
+// Undoes "%XX"; false for a '%' without two hex digits.
+bool percentDecode(const String& encoded, String& decoded) {
+    String result;
+    for (int i = 0; i < encoded.length(); ++i) {
+        char c = encoded.at(i);
+        if (c != '%') {
+            result += c;
+            continue;
         }
-        hostPart = authority.substring(0, close + 1);
-        String rest = authority.substring(close + 1);
+        // at() gives '\0' past the end, which is no hex digit.
+        int high = hexValue(encoded.at(i + 1));
+        int low = hexValue(encoded.at(i + 2));
+        if (high < 0 || low < 0) {
+            return false;
+        }
+        result += static_cast<char>(high * 16 + low);
+        i += 2;
+    }
+    decoded = result;
+    return true;
+}
+
+// The login as written (between "://" and '@'), decoded; the reason when it is refused.
+const char* loginFault(const String& written, Login& login) {
+    if (written.indexOf('?') >= 0 || written.indexOf('#') >= 0) {
+        return "'?' or '#' before the '@' of a login (percent-encode it)";
+    }
+    String user = written;
+    String password;
+    int colon = written.indexOf(':');
+    if (colon >= 0) {
+        user = written.substring(0, colon);
+        password = written.substring(colon + 1);
+    }
+    if (!percentDecode(user, login.user) || !percentDecode(password, login.password)) {
+        return "invalid percent-encoding in the login";
+    }
+    login.given = true;
+    return "";
+}
+
+// Host and port of "host[:port]" or "[v6][:port]"; why they are refused, empty when usable.
+String hostPortFault(const String& hostPort, String& host, unsigned int& port) {
+    bool hasPort = false;
+    String portText;
+    if (hostPort.startsWith("[")) {
+        int close = hostPort.indexOf(']');
+        if (close < 0) {
+            return "unterminated IPv6 address";
+        }
+        host = close == 1 ? String() : hostPort.substring(0, close + 1);
+        String rest = hostPort.substring(close + 1);
         if (!rest.isEmpty()) {
             if (rest.at(0) != ':') {
-                return refuse(error, String::format("Invalid URI '%s': unexpected text after "
-                                                    "IPv6 address",
-                                                    uri.c_str()));
+                return "unexpected text after IPv6 address";
             }
             hasPort = true;
-            portPart = rest.substring(1);
-        }
-        if (close == 1) {
-            hostPart = String();
+            portText = rest.substring(1);
         }
     } else {
-        int colon = authority.indexOf(':');
-        hostPart = colon < 0 ? authority : authority.substring(0, colon);
+        int colon = hostPort.indexOf(':');
+        host = colon < 0 ? hostPort : hostPort.substring(0, colon);
         if (colon >= 0) {
             hasPort = true;
-            portPart = authority.substring(colon + 1);
+            portText = hostPort.substring(colon + 1);
         }
     }
-
-    const char* fault = hostFault(hostPart);
+    const char* fault = hostFault(host);
     if (*fault != '\0') {
-        return refuse(error, String::format("Invalid URI '%s': %s", uri.c_str(), fault));
+        return fault;
     }
-    unsigned int portNumber = 0;
+    port = 0;
     if (hasPort) {
-        if (!portPart.isNumeric() || portPart.toUnsigned() < 1 || portPart.toUnsigned() > 65535) {
-            return refuse(error, String::format("Invalid URI '%s': invalid port '%s'", uri.c_str(),
-                                                portPart.c_str()));
+        if (!portText.isNumeric() || portText.toUnsigned() < 1 || portText.toUnsigned() > 65535) {
+            return String::format("invalid port '%s'", portText.c_str());
         }
-        portNumber = portPart.toUnsigned();
+        port = portText.toUnsigned();
     }
+    return String();
+}
 
-    scheme = uri.substring(0, separator);
-    host = hostPart;
-    port = portNumber;
-    path = pathStart < 0 ? String() : uri.substring(pathStart);
+}  // namespace
+
+XCode splitUri(const String& uri, Parts& parts, String& error) {
+    Layout layout;
+    if (!locate(uri, layout)) {
+        return refuseUri(error, uri, "missing '://'");
+    }
+    if (layout.separator == 0) {
+        return refuseUri(error, uri, "empty scheme");
+    }
+    Parts split;
+    split.scheme = uri.substring(0, layout.separator);
+    if (layout.loginEnd >= 0) {
+        const char* fault =
+            loginFault(uri.substring(layout.authorityStart, layout.loginEnd), split.login);
+        if (*fault != '\0') {
+            return refuseUri(error, uri, fault);
+        }
+    }
+    String fault =
+        hostPortFault(uri.substring(layout.hostStart, layout.hostEnd), split.host, split.port);
+    if (!fault.isEmpty()) {
+        return refuseUri(error, uri, fault.c_str());
+    }
+    split.path = uri.substring(layout.hostEnd);
+    parts = split;
     return XCode::SUCCESS;
 }
 
+XCode splitUri(const String& uri, String& scheme, String& host, unsigned int& port, String& path,
+               String& error) {
+    Parts parts;
+    XCode result = splitUri(uri, parts, error);
+    if (result.isSuccess() && parts.login.given) {
+        return refuseUri(error, uri, "user or password not accepted here");
+    }
+    if (result.isSuccess()) {
+        scheme = parts.scheme;
+        host = parts.host;
+        port = parts.port;
+        path = parts.path;
+    }
+    return result;
+}
+
 String buildUri(const String& protocol, const String& host, unsigned int port, const String& path) {
-    String uri = protocol + "://";
+    String uri = protocol + SCHEME_SEPARATOR;
     // A bare IPv6 address gets its brackets, so that its colons cannot be taken for a port.
     if (host.indexOf(':') >= 0 && !host.startsWith("[")) {
         uri += "[" + host + "]";
@@ -116,6 +231,46 @@ String buildUri(const String& protocol, const String& host, unsigned int port, c
     return uri;
 }
 
+String pathOnly(const String& path) {
+    for (int i = 0; i < path.length(); ++i) {
+        if (path.at(i) == '?' || path.at(i) == '#') {
+            return path.substring(0, i);
+        }
+    }
+    return path;
+}
+
+String withoutFragment(const String& path) {
+    int hash = path.indexOf('#');
+    return hash < 0 ? path : path.substring(0, hash);
+}
+
+String maskLogin(const String& text) {
+    Layout layout;
+    if (!locate(text, layout) || layout.loginEnd < 0) {
+        return text;
+    }
+    return text.substring(0, layout.authorityStart) + MASKED_LOGIN +
+           text.substring(layout.loginEnd);
+}
+
+String withoutLogin(const String& uri) {
+    Layout layout;
+    if (!locate(uri, layout) || layout.loginEnd < 0) {
+        return uri;
+    }
+    return uri.substring(0, layout.authorityStart) + uri.substring(layout.hostStart);
+}
+
+String markLogin(const String& uri) {
+    Layout layout;
+    if (!locate(uri, layout)) {
+        return uri;
+    }
+    return uri.substring(0, layout.authorityStart) + MASKED_LOGIN + "@" +
+           uri.substring(layout.hostStart);
+}
+
 String buildOrigin(const String& scheme, const String& host, unsigned int port) {
     String lowerScheme = scheme;
     lowerScheme.toLowerCase();
@@ -129,13 +284,13 @@ String buildOrigin(const String& scheme, const String& host, unsigned int port) 
 }
 
 bool originOf(const String& uri, String& origin) {
-    String scheme, host, path, error;
-    unsigned int port = 0;
-    if (splitUri(uri, scheme, host, port, path, error).isErr()) {
+    Parts parts;
+    String error;
+    if (splitUri(uri, parts, error).isErr()) {
         origin = String();
         return false;
     }
-    origin = buildOrigin(scheme, host, port);
+    origin = buildOrigin(parts.scheme, parts.host, parts.port);
     return true;
 }
 

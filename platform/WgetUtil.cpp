@@ -139,6 +139,14 @@ String privateDirectoryOf(const String& value, const char* leaf) {
 
 }  // namespace
 
+XCode checkCredentials(const String& user, const String& password) {
+    XCode result = checkCredential(user);
+    if (result.isSuccess()) {
+        result = checkCredential(password);
+    }
+    return result;
+}
+
 XCode buildArgs(bool quiet, const String& url, const String& user, const String& password,
                 const String& outFile, const String& https1, const String& https2,
                 const String& https3, bool followRedirects, std::vector<String>& args,
@@ -168,10 +176,7 @@ XCode buildArgs(bool quiet, const String& url, const String& user, const String&
     }
     bool sendCredentials = !user.isEmpty() || !password.isEmpty();
     if (sendCredentials) {
-        result = checkCredential(user);
-        if (result.isSuccess()) {
-            result = checkCredential(password);
-        }
+        result = checkCredentials(user, password);
         if (result.isErr()) {
             return result;
         }

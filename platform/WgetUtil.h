@@ -29,6 +29,11 @@ namespace WgetUtil {
                               const String& https2, const String& https3, bool followRedirects,
                               std::vector<String>& args, const String& extra);
 
+// Success when wget's private configuration can carry `user` and `password` unaltered; else the
+// error buildArgs gives for them ("INVALID CHARACTER IN WGET CREDENTIALS", "WHITE SPACE AROUND
+// WGET CREDENTIALS"). For callers that take credentials long before wget runs.
+[[nodiscard]] XCode checkCredentials(const String& user, const String& password);
+
 // Removes the private files that buildArgs created for `args` (the credentials file and the
 // empty CA directory, and their directory). Call it once wget has ended or was abandoned.
 // Touches nothing that buildArgs did not create; safe to call more than once and from any

@@ -3,6 +3,7 @@
 #include "engine/Monitors.h"
 #include "engine/ProvisioningJob.h"
 #include "platform/UriUtil.h"
+#include "platform/WgetUtil.h"
 #include "transfer/ProvisioningHttpClient.h"
 
 namespace {
@@ -23,14 +24,19 @@ XCode ProvisioningJob::startFileDownloadHttps(unsigned int httpPort, const Strin
 
 XCode ProvisioningJob::startHttpDownload(bool https, unsigned int httpPort,
                                          const String& remotePath, const String& httpHost) {
-    String uri = UriUtil::buildUri(schemeOf(https), httpHost, httpPort, remotePath);
-    XCode result = createOutFile(remotePath);
+    // The request keeps the query and drops the fragment; wget never sees a login in the URL.
+    String uri = UriUtil::buildUri(schemeOf(https), httpHost, httpPort,
+                                   UriUtil::withoutFragment(remotePath));
+    XCode result = holdLocationLogin(https, httpHost, httpPort);
+    if (result.isSuccess()) {
+        result = createOutFile(remotePath);
+    }
     if (result.isErr()) {
         return result;
     }
     ProvLog::progress(https ? "[%s] Starting HTTPS download" : "[%s] Starting HTTP download",
                       name.c_str());
-    ProvLog::progress("[%s]   From: %s", name.c_str(), uri.c_str());
+    ProvLog::progress("[%s]   From: %s", name.c_str(), shownUri(uri).c_str());
     ProvLog::progress("[%s]   To:   %s", name.c_str(), outFile.c_str());
 
     // The getters always succeed; an empty value is passed on as it is.
@@ -60,6 +66,25 @@ XCode ProvisioningJob::startHttpDownload(bool https, unsigned int httpPort,
     return result;
 }
 
+XCode ProvisioningJob::holdLocationLogin(bool https, const String& httpHost,
+                                         unsigned int httpPort) {
+    if (!locationLogin.given) {
+        return testExpression(true);
+    }
+    // Refused now rather than at the retry: a login that cannot reach the server as written
+    // makes the location unusable.
+    XCode result = WgetUtil::checkCredentials(locationLogin.user, locationLogin.password);
+    if (result.isSuccess()) {
+        heldLogin = locationLogin;
+        heldLoginOrigin = UriUtil::buildOrigin(schemeOf(https), httpHost, httpPort);
+    }
+    return result;
+}
+
+String ProvisioningJob::shownUri(const String& uri) const {
+    return locationLogin.given ? UriUtil::markLogin(uri) : uri;
+}
+
 void ProvisioningJob::onFileDownloadHttpResult(String uri, String httpHost, unsigned int httpPort,
                                                XCode result) {
     onHttpFirstAttemptResult(false, uri, httpHost, httpPort, result);
@@ -86,13 +111,13 @@ void ProvisioningJob::onHttpFirstAttemptResult(bool https, const String& uri,
     if (https) {
         // The HTTPS lines align one column further left than the HTTP ones; intended.
         ProvLog::progress("[%s] Re-Starting HTTPS download with authentication", n);
-        ProvLog::progress("[%s]   From:  %s", n, uri.c_str());
+        ProvLog::progress("[%s]   From:  %s", n, shownUri(uri).c_str());
         ProvLog::progress("[%s]   To:    %s", n, outFile.c_str());
         ProvLog::progress("[%s]   Realm: %s", n, realm.c_str());
         ProvLog::progress("[%s]   User:  %s", n, user.c_str());
     } else {
         ProvLog::progress("[%s] Re-Starting HTTP download with authentication", n);
-        ProvLog::progress("[%s]   From:   %s", n, uri.c_str());
+        ProvLog::progress("[%s]   From:   %s", n, shownUri(uri).c_str());
         ProvLog::progress("[%s]   To:     %s", n, outFile.c_str());
         ProvLog::progress("[%s]   Realm:  %s", n, realm.c_str());
         ProvLog::progress("[%s]   User:   %s", n, user.c_str());
@@ -118,9 +143,13 @@ void ProvisioningJob::onHttpFirstAttemptResult(bool https, const String& uri,
 void ProvisioningJob::chooseRetryCredentials(bool https, const String& origin,
                                              const String& httpHost, const String& realm,
                                              String& user, String& password) {
-    // Without credentials for the realm the retry still goes ahead (the server's second answer
-    // decides), with the user and password held from an earlier challenge where they may go.
-    if (credentials.getForHost(realm, httpHost, realmUser, realmPassword).isSuccess()) {
+    // A login written into a location of this origin answers every realm there: the store is
+    // not asked. Without credentials for the realm the retry still goes ahead (the server's
+    // second answer decides), with the user and password held from an earlier challenge where
+    // they may go.
+    const bool loginForOrigin = heldLogin.given && origin == heldLoginOrigin;
+    if (!loginForOrigin &&
+        credentials.getForHost(realm, httpHost, realmUser, realmPassword).isSuccess()) {
         realmOrigin = origin;
         if (https && !realmPassword.isEmpty()) {
             httpsPasswords.push_back(realmPassword);
@@ -131,6 +160,11 @@ void ProvisioningJob::chooseRetryCredentials(bool https, const String& origin,
 
 void ProvisioningJob::heldCredentialsFor(const String& origin, String& user,
                                          String& password) const {
+    if (heldLogin.given && origin == heldLoginOrigin) {
+        user = heldLogin.user;
+        password = heldLogin.password;
+        return;
+    }
     const bool plainHttp = !origin.startsWith("https://");
     const bool obtainedForHttps = std::find(httpsPasswords.begin(), httpsPasswords.end(),
                                             realmPassword) != httpsPasswords.end();
@@ -162,6 +196,9 @@ void ProvisioningJob::onHttpFinalResult(bool https, const String& /*uri*/, const
             redirectLocation =
                 UriUtil::buildUri(schemeOf(https), httpHost, httpPort, redirectLocation);
         }
+        // A server does not choose what the device sends anywhere, itself included: a login in
+        // its target is dropped, and the target gets what this job holds for its origin.
+        redirectLocation = UriUtil::withoutLogin(redirectLocation);
     } else {
         comparisonAllowed = httpClient->getLastStatus() != 201;
     }

@@ -5,6 +5,15 @@ namespace {
 // The wild-card realm.
 const String WILD_CARD_REALM;
 
+// A host as compared: lower case, an IPv6 address without brackets ("[::1]" as a location writes
+// it and "::1" as a configuration may give it name one host).
+String comparableHost(const String& host) {
+    String bare = host.startsWith("[") && host.endsWith("]") && host.length() >= 2
+                      ? host.substring(1, host.length() - 1)
+                      : host;
+    return bare.toLowerCase();
+}
+
 }  // namespace
 
 ProvisioningCredentials::ProvisioningCredentials() : table(BUCKETS) {}
@@ -37,9 +46,7 @@ const ProvisioningCredentials::Credentials* ProvisioningCredentials::findFor(
     if (found == nullptr || found->host.isEmpty()) {
         return found;
     }
-    String boundTo = found->host;
-    String asked = host;
-    return boundTo.toLowerCase() == asked.toLowerCase() ? found : nullptr;
+    return comparableHost(found->host) == comparableHost(host) ? found : nullptr;
 }
 
 XCode ProvisioningCredentials::get(const String& realm, String& user, String& password) const {

@@ -9,9 +9,10 @@
 // own. Realms compare exactly, case included.
 //
 // A credential may be bound to a host: it is then given out only for requests to that host
-// (host names compare without regard to case, nothing else is normalised: "localhost" and
-// "127.0.0.1" are two hosts). A bound entry is invisible to any other host, so for that host the
-// realm has no entry and the wild-card may answer. Unbound entries behave as they always did.
+// (host names compare without regard to case and an IPv6 address with or without its brackets,
+// nothing else is normalised: "localhost" and "127.0.0.1" are two hosts). A bound entry is
+// invisible to any other host, so for that host the realm has no entry and the wild-card may
+// answer. Unbound entries behave as they always did.
 //
 // A value type: the management process fills one and every job keeps its own copy. Not
 // thread-safe; one thread uses an object at a time.

@@ -25,6 +25,21 @@ XCode invalidArgument() {
     return testExpression(false).setString("INVALID CHARACTER IN TFTP ARGUMENT");
 }
 
+// TFTP knows a file name and nothing else: no user or password, and no query that a server could
+// answer. A query is refused rather than sent as part of the file name, which would ask the
+// server for a file that the location does not name (the work file takes the name without it).
+// A fragment is the client's own and is dropped, as for HTTP.
+XCode refuseWhatTftpCannotSend(const UriUtil::Login& login, const String& remotePath) {
+    if (login.given) {
+        return testExpression(false).setString(
+            "INVALID LOCATION: TFTP cannot send a user or password");
+    }
+    if (UriUtil::pathOnly(remotePath) != UriUtil::withoutFragment(remotePath)) {
+        return testExpression(false).setString("INVALID LOCATION: TFTP cannot send a query");
+    }
+    return testExpression(true);
+}
+
 String tftpCommandLine(const char* direction, const String& localFile, const String& remotePath,
                        const String& host, unsigned int port) {
     // Nothing is quoted here: the platform shell splits words on blanks and never runs a shell.
@@ -38,13 +53,18 @@ String tftpCommandLine(const char* direction, const String& localFile, const Str
 
 }  // namespace
 
-XCode ProvisioningJob::startFileDownloadTftp(unsigned int tftpPort, const String& remotePath,
+XCode ProvisioningJob::startFileDownloadTftp(unsigned int tftpPort, const String& locationPath,
                                              const String& tftpHost) {
+    XCode result = refuseWhatTftpCannotSend(locationLogin, locationPath);
+    if (result.isErr()) {
+        return result;
+    }
+    const String remotePath = UriUtil::withoutFragment(locationPath);
     if (!isSingleArgument(remotePath) || !isSingleArgument(tftpHost)) {
         return invalidArgument();
     }
     String uri = UriUtil::buildUri("tftp", tftpHost, tftpPort, remotePath);
-    XCode result = createOutFile(remotePath);
+    result = createOutFile(remotePath);
     if (result.isErr()) {
         return result;
     }
@@ -67,8 +87,13 @@ XCode ProvisioningJob::startFileDownloadTftp(unsigned int tftpPort, const String
     return result;
 }
 
-XCode ProvisioningJob::startFileUploadTftp(unsigned int tftpPort, const String& remotePath,
+XCode ProvisioningJob::startFileUploadTftp(unsigned int tftpPort, const String& locationPath,
                                            const String& tftpHost) {
+    XCode refused = refuseWhatTftpCannotSend(locationLogin, locationPath);
+    if (refused.isErr()) {
+        return refused;
+    }
+    const String remotePath = UriUtil::withoutFragment(locationPath);
     if (remotePath.isEmpty() || outFile.isEmpty() || !isSingleArgument(remotePath) ||
         !isSingleArgument(tftpHost) || !isSingleArgument(outFile)) {
         return invalidArgument();

@@ -31,11 +31,13 @@ UpgradeProvisioningJob::~UpgradeProvisioningJob() {
 }
 
 XCode UpgradeProvisioningJob::chooseFlow(Flow& flow) const {
-    if (downloadLocation.endsWith(".tar")) {
+    // The name the file was fetched under, as the work file has it: a query may name anything.
+    const String fileName = WORK_FILE_NAME(path);
+    if (fileName.endsWith(".tar")) {
         flow = Flow::Tar;
         return testExpression(true);
     }
-    if (downloadLocation.endsWith("manifest")) {
+    if (fileName.endsWith("manifest")) {
         flow = Flow::Manifest;
         return testExpression(true);
     }
@@ -129,7 +131,8 @@ XCode UpgradeProvisioningJob::startUpgradeFromLocation() {
         default:
             return XCode(-1).setString("Invalid protocol");
     }
-    std::vector<String> files{UriUtil::buildUri(scheme, host, port, path), DESTINATION};
+    std::vector<String> files{UriUtil::buildUri(scheme, host, port, UriUtil::withoutFragment(path)),
+                              DESTINATION};
     // Only what was obtained for this very origin goes with the manifest's location.
     String user;
     String password;

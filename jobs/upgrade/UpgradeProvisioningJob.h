@@ -28,8 +28,9 @@ class UpgradeProvisioningJob : public ProvisioningJob, protected UpdateControlle
                            const ProvisioningCredentials& credentials, ExpressionResolver& resolver,
                            ProvisioningJob::CallbackHandler& handler);
 
-    // By the current location's name, case-sensitive: ".tar" first, then "manifest"; anything
-    // else is refused with "Provisioned file type not supported".
+    // By the current location's file name (WORK_FILE_NAME of its path: no query, no fragment, no
+    // ";" parameters), case-sensitive: ".tar" first, then "manifest"; anything else is refused
+    // with "Provisioned file type not supported".
     [[nodiscard]] XCode chooseFlow(Flow& flow) const;
     // Extracts the member "manifest" of the archive in outFile into "/tmp/provisioning" and
     // reads it as the upgrade text. Whatever had the member's name goes first; a member that is
@@ -40,9 +41,10 @@ class UpgradeProvisioningJob : public ProvisioningJob, protected UpdateControlle
     [[nodiscard]] XCode readDownloadedManifest(String& text) const;
     // Hands the archive in outFile to the controller; sets asyncPending once it runs.
     [[nodiscard]] XCode startUpgradeFromArchive();
-    // Hands the current location's URI, the realm's user and password and the three HTTPS
-    // settings to the controller, which fetches the file itself; sets asyncPending once it runs.
-    // A protocol other than TFTP, HTTP or HTTPS is refused with "Invalid protocol".
+    // Hands the current location's URI (with its query, without its fragment and login), the
+    // user and password held for its origin and the three HTTPS settings to the controller, which
+    // fetches the file itself; sets asyncPending once it runs. A protocol other than TFTP, HTTP or
+    // HTTPS is refused with "Invalid protocol".
     [[nodiscard]] XCode startUpgradeFromLocation();
     // The failure step of both flows: a transfer-log entry with the error's text; returns the
     // error for the base to end the job with.

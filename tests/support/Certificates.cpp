@@ -25,7 +25,7 @@ authorityKeyIdentifier = keyid:always
 basicConstraints = critical, CA:FALSE
 keyUsage = critical, digitalSignature
 extendedKeyUsage = serverAuth
-subjectAltName = IP:127.0.0.1, DNS:localhost
+subjectAltName = IP:127.0.0.1, IP:::1, DNS:localhost
 subjectKeyIdentifier = hash
 authorityKeyIdentifier = keyid:always
 [client]

@@ -9,9 +9,9 @@ namespace provtest {
 // Test certificates, made once per test process with the openssl command in a temporary
 // directory (EC P-256 keys, so making them is quick):
 // - a root CA and an intermediate CA signed by it;
-// - a server certificate for 127.0.0.1 (subjectAltName IP:127.0.0.1 and DNS:localhost) signed
-//   by the intermediate; serverChain() holds it followed by the intermediate, which is what a
-//   server presents;
+// - a server certificate for 127.0.0.1 and ::1 (subjectAltName IP:127.0.0.1, IP:::1 and
+//   DNS:localhost) signed by the intermediate; serverChain() holds it followed by the
+//   intermediate, which is what a server presents;
 // - a client CA and a client certificate (CN "device") signed by it;
 // - a stranger: a self-signed client certificate that no CA here vouches for.
 // Keys are PEM without a passphrase. Thread-safe; the files live until the process ends.

@@ -100,7 +100,7 @@ HttpServer::HttpServer() : HttpServer(Options()) {}
 HttpServer::HttpServer(Options options)
     : options_(std::move(options)),
       docroot_(dir_.file("docroot")),
-      socket_(LoopbackSocket::tcpListener()) {
+      socket_(LoopbackSocket::tcpListener(options_.ipv6)) {
     makeDirs(docroot_);
     port_ = socket_.port();
 }
@@ -110,8 +110,8 @@ HttpServer::~HttpServer() {
 }
 
 std::string HttpServer::url(const std::string& path) const {
-    std::string result =
-        (options_.https ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port_);
+    std::string result = std::string(options_.https ? "https://" : "http://") +
+                         (options_.ipv6 ? "[::1]:" : "127.0.0.1:") + std::to_string(port_);
     if (!path.empty() && path.front() != '/') {
         result += "/";
     }
@@ -131,7 +131,7 @@ std::string HttpServer::makeConfig(std::string& error) const {
     std::ostringstream conf;
     conf
         << "server.document-root = " << quoted(docroot_) << "\n"
-        << "server.bind = \"127.0.0.1\"\n"
+        << "server.bind = \"" << (options_.ipv6 ? "[::1]" : "127.0.0.1") << "\"\n"
         << "server.port = " << port_ << "\n"
         << "server.systemd-socket-activation = \"enable\"\n"
         << "server.modules = (\"mod_access\", \"mod_auth\", \"mod_authn_file\", \"mod_redirect\""
@@ -231,8 +231,8 @@ std::string HttpServer::makeConfig(std::string& error) const {
     }
     // Plain HTTP gets an answer; an HTTPS server closes the connection on it. Either shows that
     // lighttpd has taken the socket; one that failed to start resets the queued connection.
-    ::testing::AssertionResult ready =
-        waitForTcpAnswer(port_, "GET / HTTP/1.0\r\n\r\n", process_, DEFAULT_DEADLINE);
+    ::testing::AssertionResult ready = waitForTcpAnswer(port_, "GET / HTTP/1.0\r\n\r\n", process_,
+                                                        DEFAULT_DEADLINE, options_.ipv6);
     if (!ready || !process_.running()) {
         process_.stop();
         return ::testing::AssertionFailure()

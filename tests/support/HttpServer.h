@@ -10,7 +10,7 @@
 
 namespace provtest {
 
-// lighttpd on 127.0.0.1 with a generated configuration, serving a fresh document root. The
+// lighttpd on 127.0.0.1 (or ::1) with a generated configuration, serving a fresh document root. The
 // listening socket is made at construction (port() and url() are valid from then on, so that
 // redirects can name the server itself) and handed to lighttpd by socket activation.
 //
@@ -55,6 +55,8 @@ class HttpServer {
         bool requireClientCert = false;
         // Requests under these prefixes are answered 403.
         std::vector<std::string> forbidden;
+        // Listen on ::1 instead of 127.0.0.1; read at construction, when the socket is made.
+        bool ipv6 = false;
     };
 
     HttpServer();
@@ -70,7 +72,7 @@ class HttpServer {
     bool running() const { return process_.running(); }
 
     unsigned int port() const { return port_; }
-    // "http://127.0.0.1:<port><path>" ("https://..." when serving HTTPS).
+    // "http://127.0.0.1:<port><path>" ("https://..." when serving HTTPS, "[::1]" on ::1).
     std::string url(const std::string& path) const;
     // Writes a file under the document root (parents created), e.g. put("/cfg/a.txt", "...").
     void put(const std::string& path, const std::string& content) const;

@@ -49,14 +49,6 @@ int pollReadable(int fd, int exitFd, Clock::time_point deadline) {
     }
 }
 
-sockaddr_in loopback(unsigned int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
 // Only async-signal-safe calls between fork() and exec: this process may have threads.
 [[noreturn]] void execChild(char* const* argv, char* const* envp, char* listenPidSlot,
                             const std::vector<std::pair<int, int>>& fds, int errorFd, pid_t parent,
@@ -117,37 +109,55 @@ sockaddr_in loopback(unsigned int port) {
 
 }  // namespace
 
+// --- LoopbackAddress ---
+
+LoopbackAddress::LoopbackAddress(unsigned int port, bool ipv6) {
+    if (ipv6) {
+        auto* address = reinterpret_cast<sockaddr_in6*>(&storage);
+        address->sin6_family = AF_INET6;
+        address->sin6_port = htons(static_cast<uint16_t>(port));
+        address->sin6_addr = in6addr_loopback;
+        length = sizeof(sockaddr_in6);
+    } else {
+        auto* address = reinterpret_cast<sockaddr_in*>(&storage);
+        address->sin_family = AF_INET;
+        address->sin_port = htons(static_cast<uint16_t>(port));
+        address->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        length = sizeof(sockaddr_in);
+    }
+}
+
 // --- LoopbackSocket ---
 
-LoopbackSocket LoopbackSocket::make(int type, bool listen) {
+LoopbackSocket LoopbackSocket::make(int type, bool listen, bool ipv6) {
     LoopbackSocket result;
-    int fd = ::socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    LoopbackAddress address(0, ipv6);
+    int fd = ::socket(address.family(), type | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         result.error_ = errnoText("socket");
         return result;
     }
-    sockaddr_in address = loopback(0);
-    socklen_t length = sizeof address;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        (listen && ::listen(fd, 128) != 0) ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    socklen_t length = address.length;
+    if (::bind(fd, address.get(), address.length) != 0 || (listen && ::listen(fd, 128) != 0) ||
+        ::getsockname(fd, address.get(), &length) != 0) {
         result.error_ = errnoText("bind/listen");
         ::close(fd);
         return result;
     }
     result.fd_ = fd;
-    result.port_ = ntohs(address.sin_port);
+    result.port_ = ipv6 ? ntohs(reinterpret_cast<sockaddr_in6*>(address.get())->sin6_port)
+                        : ntohs(reinterpret_cast<sockaddr_in*>(address.get())->sin_port);
     return result;
 }
 
-LoopbackSocket LoopbackSocket::tcpListener() {
-    return make(SOCK_STREAM, true);
+LoopbackSocket LoopbackSocket::tcpListener(bool ipv6) {
+    return make(SOCK_STREAM, true, ipv6);
 }
 LoopbackSocket LoopbackSocket::tcpRefusing() {
-    return make(SOCK_STREAM, false);
+    return make(SOCK_STREAM, false, false);
 }
-LoopbackSocket LoopbackSocket::udp() {
-    return make(SOCK_DGRAM, false);
+LoopbackSocket LoopbackSocket::udp(bool ipv6) {
+    return make(SOCK_DGRAM, false, ipv6);
 }
 
 LoopbackSocket::LoopbackSocket(LoopbackSocket&& other) noexcept
@@ -424,14 +434,14 @@ CommandResult runCommand(const std::vector<std::string>& argv, std::chrono::mill
 
 ::testing::AssertionResult waitForTcpAnswer(unsigned int port, const std::string& request,
                                             const ServerProcess& process,
-                                            std::chrono::milliseconds timeout) {
+                                            std::chrono::milliseconds timeout, bool ipv6) {
     Clock::time_point deadline = Clock::now() + timeout;
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    LoopbackAddress address(port, ipv6);
+    int fd = ::socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         return ::testing::AssertionFailure() << errnoText("socket");
     }
-    sockaddr_in address = loopback(port);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    if (::connect(fd, address.get(), address.length) != 0) {
         std::string error = errnoText("connect");
         ::close(fd);
         return ::testing::AssertionFailure() << error;
@@ -475,12 +485,12 @@ bool exitsBefore(const ServerProcess& process, Clock::time_point until) {
                                               std::chrono::milliseconds timeout) {
     Clock::time_point deadline = Clock::now() + timeout;
     for (;;) {
-        int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        LoopbackAddress address(port, false);
+        int fd = ::socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (fd < 0) {
             return ::testing::AssertionFailure() << errnoText("socket");
         }
-        sockaddr_in address = loopback(port);
-        int connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        int connected = ::connect(fd, address.get(), address.length);
         std::string error = connected != 0 ? errnoText("connect") : "";
         ::close(fd);
         if (connected == 0) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -14,16 +15,26 @@ namespace provtest {
 // to exit. Generous: it only matters when something is broken.
 constexpr std::chrono::milliseconds DEFAULT_DEADLINE{20000};
 
-// A socket bound to 127.0.0.1 on a port the kernel chose. The servers get it as an inherited
-// descriptor, so the port is known before they start and no other process can take it in between.
+// The loopback address 127.0.0.1, or ::1 when `ipv6`, with a port, as the socket calls take it.
+struct LoopbackAddress {
+    LoopbackAddress(unsigned int port, bool ipv6);
+    sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
+    int family() const { return storage.ss_family; }
+    sockaddr_storage storage{};
+    socklen_t length = 0;
+};
+
+// A socket bound to 127.0.0.1 (or ::1) on a port the kernel chose. The servers get it as an
+// inherited descriptor, so the port is known before they start and no other process can take it
+// in between.
 class LoopbackSocket {
   public:
     // A TCP socket that listens.
-    static LoopbackSocket tcpListener();
+    static LoopbackSocket tcpListener(bool ipv6 = false);
     // A TCP socket that is bound but does not listen: connections to its port are refused for as
     // long as it lives.
     static LoopbackSocket tcpRefusing();
-    static LoopbackSocket udp();
+    static LoopbackSocket udp(bool ipv6 = false);
 
     LoopbackSocket() = default;
     LoopbackSocket(LoopbackSocket&& other) noexcept;
@@ -40,7 +51,7 @@ class LoopbackSocket {
     void close();
 
   private:
-    static LoopbackSocket make(int type, bool listen);
+    static LoopbackSocket make(int type, bool listen, bool ipv6);
 
     int fd_ = -1;
     unsigned int port_ = 0;
@@ -114,13 +125,13 @@ struct CommandResult {
 CommandResult runCommand(const std::vector<std::string>& argv,
                          std::chrono::milliseconds timeout = DEFAULT_DEADLINE);
 
-// Connects to 127.0.0.1:port, sends `request` and waits until the server answers anything or
-// closes the connection cleanly. Fails when the connection is refused or reset, when `process`
-// exits, or at the deadline. A listening socket handed to a server queues connections before
-// the server runs, so a connect alone proves nothing; an answer does.
+// Connects to 127.0.0.1:port (::1 when `ipv6`), sends `request` and waits until the server answers
+// anything or closes the connection cleanly. Fails when the connection is refused or reset, when
+// `process` exits, or at the deadline. A listening socket handed to a server queues connections
+// before the server runs, so a connect alone proves nothing; an answer does.
 ::testing::AssertionResult waitForTcpAnswer(unsigned int port, const std::string& request,
                                             const ServerProcess& process,
-                                            std::chrono::milliseconds timeout);
+                                            std::chrono::milliseconds timeout, bool ipv6 = false);
 
 // For a server that binds its port itself: connects to 127.0.0.1:port until a connection is
 // accepted. A refused connection is tried again (every 20 ms) until `process` exits or the

@@ -19,7 +19,7 @@ const char* const TFTPD = "/usr/sbin/in.tftpd";
 TftpServer::TftpServer() : TftpServer(Options()) {}
 
 TftpServer::TftpServer(Options options)
-    : options_(options), root_(dir_.file("root")), socket_(LoopbackSocket::udp()) {
+    : options_(options), root_(dir_.file("root")), socket_(LoopbackSocket::udp(options.ipv6)) {
     makeDirs(root_);
     port_ = socket_.port();
 }
@@ -49,7 +49,7 @@ TftpServer::~TftpServer() {
     }
     std::string reply;
     ::testing::AssertionResult ready =
-        tftpProbe(port_, "prov-readiness-probe", reply, &process_, DEFAULT_DEADLINE);
+        tftpProbe(port_, "prov-readiness-probe", reply, &process_, DEFAULT_DEADLINE, options_.ipv6);
     if (!ready) {
         process_.stop();
         return ::testing::AssertionFailure() << "tftpd did not answer (" << ready.message() << ", "
@@ -81,16 +81,13 @@ std::string TftpServer::log() const {
 
 ::testing::AssertionResult tftpProbe(unsigned int port, const std::string& name, std::string& reply,
                                      const ServerProcess* process,
-                                     std::chrono::milliseconds timeout) {
+                                     std::chrono::milliseconds timeout, bool ipv6) {
     using Clock = std::chrono::steady_clock;
-    int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    LoopbackAddress server(port, ipv6);
+    int fd = ::socket(server.family(), SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         return ::testing::AssertionFailure() << "socket: " << std::strerror(errno);
     }
-    sockaddr_in server{};
-    server.sin_family = AF_INET;
-    server.sin_port = htons(static_cast<uint16_t>(port));
-    server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     // RRQ: opcode 1, file name, NUL, mode, NUL.
     std::string request("\0\1", 2);
     request += name;
@@ -100,8 +97,7 @@ std::string TftpServer::log() const {
     Clock::time_point deadline = Clock::now() + timeout;
     ::testing::AssertionResult result = ::testing::AssertionFailure() << "no answer in time";
     while (Clock::now() < deadline) {
-        ::sendto(fd, request.data(), request.size(), 0, reinterpret_cast<sockaddr*>(&server),
-                 sizeof server);
+        ::sendto(fd, request.data(), request.size(), 0, server.get(), server.length);
         // The answer comes from the transfer's own port, so the socket stays unconnected.
         Clock::time_point resend =
             std::min(deadline, Clock::now() + std::chrono::milliseconds(200));

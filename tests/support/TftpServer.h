@@ -9,15 +9,17 @@
 
 namespace provtest {
 
-// tftpd-hpa serving a fresh temporary directory on 127.0.0.1. The UDP socket is bound here, on a
-// port the kernel chose, and handed to the daemon as its inetd socket, so port() is valid from
-// construction on. The daemon runs as root in secure mode (chrooted into root()), permissive
-// (no world-readable checks), and by default accepts uploads of new files.
+// tftpd-hpa serving a fresh temporary directory on 127.0.0.1 (or ::1). The UDP socket is bound
+// here, on a port the kernel chose, and handed to the daemon as its inetd socket, so port() is
+// valid from construction on. The daemon runs as root in secure mode (chrooted into root()),
+// permissive (no world-readable checks), and by default accepts uploads of new files.
 class TftpServer {
   public:
     struct Options {
         // --create: an upload may create a file that does not exist yet.
         bool allowCreate = true;
+        // Serve on ::1 instead of 127.0.0.1.
+        bool ipv6 = false;
     };
 
     TftpServer();
@@ -30,6 +32,8 @@ class TftpServer {
     bool running() const { return process_.running(); }
 
     unsigned int port() const { return port_; }
+    // "127.0.0.1", or "[::1]" when serving on ::1: the host as a location writes it.
+    std::string host() const { return options_.ipv6 ? "[::1]" : "127.0.0.1"; }
     // The served directory.
     const std::string& root() const { return root_; }
     // Writes a file into the served directory (parents created).
@@ -48,11 +52,12 @@ class TftpServer {
     ServerProcess process_;
 };
 
-// Sends a read request for `name` to 127.0.0.1:port and waits for the first packet that comes
-// back (DATA or ERROR), resending the request every 200 ms until the deadline. The packet is
-// returned in `reply`.
+// Sends a read request for `name` to 127.0.0.1:port (::1 when `ipv6`) and waits for the first
+// packet that comes back (DATA or ERROR), resending the request every 200 ms until the deadline.
+// The packet is returned in `reply`.
 ::testing::AssertionResult tftpProbe(unsigned int port, const std::string& name, std::string& reply,
                                      const ServerProcess* process,
-                                     std::chrono::milliseconds timeout = DEFAULT_DEADLINE);
+                                     std::chrono::milliseconds timeout = DEFAULT_DEADLINE,
+                                     bool ipv6 = false);
 
 }  // namespace provtest

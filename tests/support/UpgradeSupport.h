@@ -99,6 +99,11 @@ class OpenJob : public Job {
         this->realmPassword = password;
         this->realmOrigin = origin;
     }
+    // A login as a location of `origin` left it held.
+    void setLogin(const String& user, const String& password, const String& origin) {
+        this->heldLogin = UriUtil::Login{true, user, password};
+        this->heldLoginOrigin = origin;
+    }
     void setAsyncPending(bool pending) { this->asyncPending = pending; }
     void setImageAction(ProvisioningJob::ImageAction action) { this->imageAction = action; }
     // The job as the update controller sees it.

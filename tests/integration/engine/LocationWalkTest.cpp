@@ -227,6 +227,71 @@ TEST_F(LocationWalkTest, uploadSendsTheStartupConfiguration) {
         0);
 }
 
+// The fragment is the device's own: tftp asks for the file, the logs keep the location as written.
+TEST_F(LocationWalkTest, fragmentIsNotSentAndTheLocationIsLoggedAsWritten) {
+    String file = unique + ".cfg";
+    server.put(file.str(), VALID_CONFIG);
+    String written = location(file) + "#part";
+    ConfigProvisioningJob job(loop, "frag", ProvisioningJob::None, false, {written}, credentials,
+                              resolver, handler);
+    ASSERT_TRUE(job.execute().isSuccess());
+    ASSERT_TRUE(runToEnd()) << prov.dump();
+    ASSERT_EQ(handler.results.size(), 1u);
+    EXPECT_TRUE(handler.results[0].isSuccess()) << handler.results[0].toString().c_str();
+    String workFile = "/tmp/provisioning/" + file;
+    EXPECT_GE(prov.indexOf(("[frag]   From: " + location(file)).str()), 0) << prov.dump();
+    EXPECT_GE(
+        prov.indexOf(("[frag] File downloaded: '" + written + "' -> '" + workFile + "'").str()), 0)
+        << prov.dump();
+    EXPECT_GE(xfer.indexOf(("frag : " + written + " -> startup-config : succeeded").str()), 0)
+        << xfer.dump();
+    unlink(Device::MAP_PATH(workFile).c_str());
+}
+
+// A query has no meaning to a TFTP server: the location fails at once and the walk goes on.
+TEST_F(LocationWalkTest, queryIsRefusedAndTheNextLocationIsTried) {
+    String file = unique + ".cfg";
+    server.put(file.str(), VALID_CONFIG);
+    String withQuery = location(file) + "?mac=001122";
+    ConfigProvisioningJob job(loop, "query", ProvisioningJob::None, false,
+                              {withQuery, location(file)}, credentials, resolver, handler);
+    ASSERT_TRUE(job.execute().isSuccess());
+    ASSERT_TRUE(runToEnd()) << prov.dump();
+    ASSERT_EQ(handler.results.size(), 1u);
+    EXPECT_TRUE(handler.results[0].isSuccess()) << handler.results[0].toString().c_str();
+    EXPECT_GE(prov.indexOf(("[query] Trying to download from location " + withQuery).str()), 0);
+    EXPECT_EQ(prov.count("[query] Starting TFTP download"), 1) << prov.dump();
+    EXPECT_EQ(job.getDownloadLocation(), location(file));
+    unlink(Device::MAP_PATH("/tmp/provisioning/" + file).c_str());
+}
+
+// BusyBox tftp gets the address with its brackets, as the location writes it.
+TEST_F(LocationWalkTest, ipv6LoopbackDownloadAndUpload) {
+    provtest::TftpServer::Options options;
+    options.ipv6 = true;
+    provtest::TftpServer six(options);
+    ASSERT_TRUE(six.start());
+    String file = unique + "-six.cfg";
+    six.put(file.str(), VALID_CONFIG);
+    String from = String::format("tftp://[::1]:%u/%s", six.port(), file.c_str());
+    ConfigProvisioningJob download(loop, "six", ProvisioningJob::None, false, {from}, credentials,
+                                   resolver, handler);
+    ASSERT_TRUE(download.execute().isSuccess());
+    ASSERT_TRUE(runToEnd()) << prov.dump();
+    ASSERT_TRUE(handler.results[0].isSuccess()) << handler.results[0].toString().c_str();
+    EXPECT_GE(prov.indexOf(("[six]   From: " + from).str()), 0) << prov.dump();
+    unlink(Device::MAP_PATH("/tmp/provisioning/" + file).c_str());
+
+    // The download stored the file as the startup configuration, which the upload sends back.
+    String to = String::format("tftp://[::1]:%u/%s-up.cfg", six.port(), unique.c_str());
+    UploadProvisioningJob upload(loop, "up6", ProvisioningJob::None, false, {to}, credentials,
+                                 resolver, handler);
+    ASSERT_TRUE(upload.execute().isSuccess());
+    ASSERT_TRUE(loop.runUntil([this] { return handler.results.size() == 2; }, 60s));
+    ASSERT_TRUE(handler.results[1].isSuccess()) << prov.dump();
+    EXPECT_EQ(six.read((unique + "-up.cfg").str()), VALID_CONFIG);
+}
+
 TEST_F(LocationWalkTest, cdrUploadFailsWithNotImplemented) {
     CdrUploadJob job(loop, "cdr", "cdr-source", ProvisioningJob::None, false, {location("x")},
                      credentials, resolver, handler);

@@ -232,4 +232,76 @@ TEST_F(BoundCredentialTest, credentialBoundToAHostInDeviceTomlIsSentToNoOtherHos
     EXPECT_EQ(readFile(device.file("flash/preferences/key")), "bound key\n");
 }
 
+// A location's own login answers its server, and goes nowhere else: A asks for realm dev, gets
+// the login, and redirects to B, which asks for realm lab and gets nothing of A's.
+TEST_F(CredentialScopeTest, loginInALocationGoesToItsOriginOnly) {
+    FixtureServer a;
+    FixtureServer b;
+    std::string name = "/" + remote(".cfg");
+    ASSERT_TRUE(b.start());
+    a.route(name, {DEV, DEV, FixtureResponse::redirect(302, b.url(name))});
+    b.route(name, {LAB});
+    ASSERT_TRUE(a.start());
+    std::string location = "http://locuser:L0cpass@" + a.url(name).substr(7);
+    ConfigProvisioningJob job(loop, "login", ProvisioningJob::None, false, {location.c_str()},
+                              credentials, resolver, handler);
+    ASSERT_TRUE(job.execute().isSuccess());
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(told().isHttpErr(401)) << told().toString().c_str() << "\n" << prov.dump();
+    std::vector<provtest::RecordedRequest> atA = a.requestsFor(name);
+    ASSERT_EQ(atA.size(), 3U) << a.log();
+    EXPECT_FALSE(atA[0].hasHeader("Authorization"));
+    EXPECT_EQ(decodeBasic(atA[2].header("Authorization")), "locuser:L0cpass");
+    EXPECT_EQ(b.requestsFor(name).size(), 2U) << b.log();
+    EXPECT_TRUE(neverSent(b, "L0cpass"));
+    for (const provtest::CaptureMonitor* monitor : {&prov, &xfer, &event}) {
+        EXPECT_FALSE(monitor->contains("L0cpass")) << monitor->dump();
+    }
+}
+
+// A server that redirects to a location with a login does not choose what the device sends,
+// not even to itself: the login is dropped from the target, which gets what the job holds for
+// its origin (here nothing), and the job's own lines show the target without it.
+class RedirectLoginTest : public CredentialScopeTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(RedirectLoginTest, isNotSent) {
+    const bool sameOrigin = GetParam();
+    FixtureServer a;
+    FixtureServer other;
+    FixtureServer& target = sameOrigin ? a : other;
+    std::string name = "/" + remote(".cfg");
+    std::string targetPath = name + "-target";
+    ASSERT_TRUE(other.start());
+    ASSERT_TRUE(a.start());
+    std::string plainTarget = target.url(targetPath);
+    a.route(name,
+            {FixtureResponse::redirect(302, "http://evil:R3dirpass@" + plainTarget.substr(7))});
+    target.route(targetPath, {LAB});
+    ConfigProvisioningJob job(loop, "redir", ProvisioningJob::None, false, {a.url(name).c_str()},
+                              credentials, resolver, handler);
+    ASSERT_TRUE(job.execute().isSuccess());
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(told().isHttpErr(401)) << told().toString().c_str() << "\n" << prov.dump();
+    EXPECT_EQ(target.requestsFor(targetPath).size(), 2U) << target.log();
+    EXPECT_TRUE(neverSent(target, "R3dirpass"));
+    for (const provtest::RecordedRequest& request : target.requestsFor(targetPath)) {
+        EXPECT_FALSE(request.hasHeader("Authorization")) << request.header("Authorization");
+    }
+    EXPECT_GE(prov.indexOf("[redir] Redirected: '" + a.url(name) + "' -> '" + plainTarget + "'"), 0)
+        << prov.dump();
+    EXPECT_GE(prov.indexOf("[redir] Trying to download from location " + plainTarget), 0);
+    EXPECT_FALSE(xfer.contains("R3dirpass")) << xfer.dump();
+    for (const std::string& line : prov.lines()) {
+        // Only the HTTP client's printout of the server's own answer shows what the server sent.
+        if (line.find("R3dirpass") != std::string::npos) {
+            EXPECT_EQ(line.rfind("[redir/HTTP] ", 0), 0U) << line;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Origins, RedirectLoginTest, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& test) {
+                             return test.param ? "sameOrigin" : "otherOrigin";
+                         });
+
 }  // namespace

@@ -427,8 +427,9 @@ TEST_F(InjectionTest, hostileArchiveNamesReachTarAsOneArgument) {
         EXPECT_TRUE(told.results[0].isErr());
     }
     Runs runs = recorder.runs();
-    // The three names without blank or tab got to tar (and the stand-in refused them).
-    EXPECT_EQ(runs.size(), 3U) << recorder.dump();
+    // The two names without blank, tab or ';' got to tar (and the stand-in refused them). The
+    // file of the ';' name is named by what comes before the ';', which is no archive's name.
+    EXPECT_EQ(runs.size(), 2U) << recorder.dump();
     EXPECT_TRUE(tarRunsAreClean(runs)) << recorder.dump();
     EXPECT_FALSE(provtest::fileExists(marker));
     EXPECT_TRUE(deviceUnchanged());

@@ -14,6 +14,7 @@
 #include "integration/hardening/HardeningSupport.h"
 #include "jobs/content/ConfigProvisioningJob.h"
 #include "jobs/upgrade/FirmwareProvisioningJob.h"
+#include "platform/StatusDb.h"
 #include "support/FixtureServer.h"
 
 namespace {
@@ -157,6 +158,42 @@ TEST_F(SecretsTest, passwordReachesWgetOnlyThroughItsPrivateFile) {
     EXPECT_FALSE(provtest::fileExists(config));
     EXPECT_FALSE(provtest::fileExists(directoryOf(config)));
     EXPECT_TRUE(neverLogged());
+    EXPECT_TRUE(deviceChangedOnly("config/startup-config", NEW_CONFIG));
+}
+
+// A password written into the location takes the same road, and the location shows masked in
+// every line, the transfer log and the status record.
+TEST_F(SecretsTest, passwordInALocationReachesWgetOnlyThroughItsPrivateFile) {
+    FixtureServer server;
+    std::string path = "/" + remote(".cfg");
+    FixtureResponse challenge = FixtureResponse::challenge("Basic realm=\"elsewhere\"");
+    server.route(path, {challenge, challenge, FixtureResponse::slow(NEW_CONFIG, 4, 100)});
+    ASSERT_TRUE(server.start());
+    const std::string hostPart = server.url(path).substr(7);
+    ConfigProvisioningJob job(loop, "inline", ProvisioningJob::None, false,
+                              {("http://keeper:" + password + "@" + hostPart).c_str()}, credentials,
+                              resolver, handler);
+    ASSERT_TRUE(job.execute().isSuccess());
+    const std::string shown = "http://***@" + hostPart;
+    EXPECT_EQ(DB::Table::SystemProvisioningStatus::RECORD()->location.get().str(), shown);
+    ASSERT_TRUE(runUntilPolled(
+        loop, [&] { return server.requestsFor(path).size() == 3 || !handler.results.empty(); },
+        30s))
+        << prov.dump();
+    std::string config = loggedConfigFile("inline");
+    expectPrivateChannel(config);
+
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(told().isSuccess()) << told().toString().c_str() << "\n" << prov.dump();
+    std::vector<provtest::RecordedRequest> requests = server.requestsFor(path);
+    ASSERT_EQ(requests.size(), 3U);
+    EXPECT_FALSE(requests[0].hasHeader("Authorization"));
+    EXPECT_EQ(decodeBasic(requests[2].header("Authorization")), "keeper:" + password);
+    EXPECT_FALSE(provtest::fileExists(config));
+    EXPECT_TRUE(neverLogged());
+    EXPECT_EQ(job.getDownloadLocation().str(), shown);
+    EXPECT_GE(xfer.indexOf("inline : " + shown + " -> startup-config : succeeded"), 0)
+        << xfer.dump();
     EXPECT_TRUE(deviceChangedOnly("config/startup-config", NEW_CONFIG));
 }
 

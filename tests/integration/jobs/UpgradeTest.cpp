@@ -214,6 +214,28 @@ TEST_F(UpgradeTest, firmwareManifestBehindAuthenticationIsFetchedWithTheSameCred
     EXPECT_TRUE(slotTwoWhenTold == image);
 }
 
+// The manifest's location carries a login, a query whose value holds a slash, and a fragment,
+// on ::1: the job and then the controller answer the server with the login (one origin), and
+// the image is fetched beside the manifest's path, not beside its query.
+TEST_F(UpgradeTest, firmwareManifestWithLoginAndQueryOnIpv6HasTheImageFetchedBesideIt) {
+    const std::string image = imageBytes(4096);
+    provtest::HttpServer::Options options;
+    options.ipv6 = true;
+    options.auth = {
+        {"/secure/", "devices", provtest::HttpServer::Scheme::Digest, "dev", "s3c:ret"}};
+    provtest::HttpServer server(options);
+    server.put("/secure/" + unique + ".manifest", NEWER_MANIFEST + "image=" + unique + ".bin\n");
+    server.put("/secure/" + unique + ".bin", image);
+    ASSERT_TRUE(server.start());
+    std::string url = server.url("/secure/" + unique + ".manifest");
+    ASSERT_EQ(url.rfind("http://[::1]:", 0), 0U);
+    auto& job = makeFirmware("http://dev:s3c%3Aret@" + url.substr(7) + "?dir=a/b#top", false);
+    run(job);
+    EXPECT_TRUE(lastResult().isSuccess()) << lastResult().toString().c_str() << prov.dump();
+    EXPECT_TRUE(slotTwoWhenTold == image) << "slot 2 holds " << slotTwoWhenTold.size() << " bytes";
+    EXPECT_FALSE(prov.contains("s3c")) << prov.dump();
+}
+
 TEST_F(UpgradeTest, firmwareManifestOverHttpsUsesTheJobsCaCertificate) {
     const provtest::Certificates& certs = provtest::Certificates::get();
     ASSERT_TRUE(certs.ok()) << certs.error();

@@ -29,9 +29,9 @@ CommandResult wget(const std::string& url, const std::string& out,
 }
 
 CommandResult tftp(const char* direction, const std::string& local, const std::string& remote,
-                   unsigned int port) {
+                   unsigned int port, const std::string& host = "127.0.0.1") {
     return runCommand(
-        {BUSYBOX, "tftp", direction, "-l", local, "-r", remote, "127.0.0.1", std::to_string(port)});
+        {BUSYBOX, "tftp", direction, "-l", local, "-r", remote, host, std::to_string(port)});
 }
 
 }  // namespace
@@ -106,6 +106,29 @@ TEST(TftpServerTest, stopsTheDaemon) {
     EXPECT_FALSE(server.running());
 }
 
+// BusyBox tftp takes an IPv6 address with or without the brackets of a URI.
+TEST(TftpServerTest, servesBusyboxTftpOnIpv6Loopback) {
+    TempDir local;
+    TftpServer::Options options;
+    options.ipv6 = true;
+    TftpServer server(options);
+    server.put("v6.cfg", "six\n");
+    ASSERT_TRUE(server.start());
+    ASSERT_EQ("[::1]", server.host());
+
+    CommandResult bracketed = tftp("-g", local.file("1"), "v6.cfg", server.port(), "[::1]");
+    CommandResult bare = tftp("-g", local.file("2"), "v6.cfg", server.port(), "::1");
+    writeFile(local.file("up"), "up\n");
+    CommandResult upload = tftp("-p", local.file("up"), "up.cfg", server.port(), "[::1]");
+
+    EXPECT_EQ(0, bracketed.exitStatus) << bracketed.output;
+    EXPECT_EQ("six\n", readFile(local.file("1")));
+    EXPECT_EQ(0, bare.exitStatus) << bare.output;
+    EXPECT_EQ("six\n", readFile(local.file("2")));
+    EXPECT_EQ(0, upload.exitStatus) << upload.output;
+    EXPECT_EQ("up\n", server.read("up.cfg"));
+}
+
 // --- lighttpd over HTTP ---
 
 TEST(HttpServerTest, servesAFileToWget) {
@@ -119,6 +142,22 @@ TEST(HttpServerTest, servesAFileToWget) {
     EXPECT_EQ(0, result.exitStatus) << result.output;
     EXPECT_EQ("hostname gw\n", readFile(local.file("out")));
     EXPECT_NE(std::string::npos, result.output.find("HTTP/1.1 200 OK")) << result.output;
+}
+
+// wget takes the address in the brackets of a URI; lighttpd serves a file whatever the query.
+TEST(HttpServerTest, servesWgetOnIpv6LoopbackAndIgnoresTheQuery) {
+    TempDir local;
+    HttpServer::Options options;
+    options.ipv6 = true;
+    HttpServer server(options);
+    server.put("/cfg/device.cfg", "six\n");
+    ASSERT_TRUE(server.start());
+    ASSERT_EQ(0u, server.url("/x").find("http://[::1]:"));
+
+    CommandResult result = wget(server.url("/cfg/device.cfg?mac=001122"), local.file("out"));
+
+    EXPECT_EQ(0, result.exitStatus) << result.output;
+    EXPECT_EQ("six\n", readFile(local.file("out")));
 }
 
 TEST(HttpServerTest, missingFileIs404WithExitStatus8) {
@@ -280,6 +319,23 @@ TEST(HttpsServerTest, trustedWithTheRootCaAndRejectedWithoutIt) {
 
     CommandResult untrusted = wget(server.url("/cfg.txt"), local.file("3"));
     EXPECT_EQ(5, untrusted.exitStatus) << untrusted.output;
+}
+
+TEST(HttpsServerTest, servesOnIpv6LoopbackWithACertificateForIt) {
+    TempDir local;
+    HttpServer::Options options;
+    options.https = true;
+    options.ipv6 = true;
+    HttpServer server(options);
+    server.put("/cfg.txt", "tls6\n");
+    ASSERT_TRUE(server.start());
+    ASSERT_EQ(0u, server.url("/cfg.txt").find("https://[::1]:"));
+
+    CommandResult trusted = wget(server.url("/cfg.txt"), local.file("1"),
+                                 {"--ca-certificate=" + Certificates::get().rootCa()});
+
+    EXPECT_EQ(0, trusted.exitStatus) << trusted.output;
+    EXPECT_EQ("tls6\n", readFile(local.file("1")));
 }
 
 TEST(HttpsServerTest, clientCertificateLocationNeedsTheClientCertificate) {

@@ -997,6 +997,157 @@ TEST_F(HttpDownloadTest, httpsUploadFailsAtOnce) {
     EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0U);
 }
 
+// --- Locations as users write them: query, fragment, login, IPv6 ----------------------------
+
+// lighttpd serves the file at the path whatever the query; the work file is named without it.
+TEST_F(HttpDownloadTest, queryIsRequestedAndNamesNoWorkFileAndTheFragmentStaysHome) {
+    HttpServer server;
+    std::string path = remote(".cfg", "gen/");
+    server.put(path, VALID_CONFIG);
+    ASSERT_TRUE(server.start());
+    String location = (server.url(path) + "?mac=001122&f=/other.cfg#top").c_str();
+    auto job = configJob("query", {location});
+    ASSERT_TRUE(job->execute().isSuccess());
+    EXPECT_EQ(DB::Table::SystemProvisioningStatus::RECORD()->location.get(), location);
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(result().isSuccess()) << result().toString().str() << "\n" << prov.dump();
+    EXPECT_EQ(storedConfig(), VALID_CONFIG);
+    // wget is asked for the query, and the fragment is nothing of the server's.
+    std::string request = server.url(path) + "?mac=001122&f=/other.cfg";
+    int commandLine = prov.find("[query/HTTP] Invoke wget with cmdline: wget ");
+    ASSERT_GE(commandLine, 0) << prov.dump();
+    std::string line = prov.lines()[commandLine];
+    EXPECT_EQ(line.substr(line.size() - request.size() - 4), " -- " + request) << line;
+    EXPECT_GE(prov.indexOf("[query]   From: " + request), 0) << prov.dump();
+    std::string workFile = workFileOf(path);
+    EXPECT_GE(
+        prov.indexOf(("[query] File downloaded: '" + location).str() + "' -> '" + workFile + "'"),
+        0)
+        << prov.dump();
+    EXPECT_GE(xfer.indexOf(("query : " + location + " -> startup-config : succeeded").str()), 0)
+        << xfer.dump();
+    EXPECT_EQ(provtest::readFile(hostWorkFileOf(path)), VALID_CONFIG);
+}
+
+TEST_F(HttpDownloadTest, queryReachesTheServerAsWrittenAndTheFragmentNever) {
+    FixtureServer server;
+    std::string path = remote(".cfg");
+    server.route(path, {FixtureResponse::ok(VALID_CONFIG)});
+    ASSERT_TRUE(server.start());
+    auto job = configJob("asked", {(server.url(path) + "?a=1&b=/c%20d;e#frag").c_str()});
+    ASSERT_TRUE(job->execute().isSuccess());
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(result().isSuccess()) << result().toString().str() << "\n" << prov.dump();
+    std::vector<provtest::RecordedRequest> requests = server.requests();
+    ASSERT_EQ(requests.size(), 1U);
+    EXPECT_EQ(requests[0].path, path + "?a=1&b=/c%20d;e");
+}
+
+// The login of the location answers the challenge, ahead of the realm's credentials in the store,
+// reaches wget through its private file only, and shows masked wherever the location does.
+class HttpLocationLoginTest : public HttpDownloadTest,
+                              public ::testing::WithParamInterface<HttpServer::Scheme> {};
+
+TEST_P(HttpLocationLoginTest, answersTheChallengeAheadOfTheStoreAndShowsMasked) {
+    HttpServer server;
+    server.options().auth = {{"/secure/", "dev", GetParam(), "dev", "p@ss word"}};
+    std::string path = remote(".cfg", "secure/");
+    server.put(path, VALID_CONFIG);
+    ASSERT_TRUE(server.start());
+    ASSERT_TRUE(credentials.add("dev", "dev", "wrong").isSuccess());
+    std::string url = server.url(path);
+    std::string shown = "http://***@" + url.substr(7);
+    String location = ("http://dev:p%40ss%20word@" + url.substr(7)).c_str();
+    auto job = configJob("login", {location});
+    ASSERT_TRUE(job->execute().isSuccess());
+    EXPECT_EQ(DB::Table::SystemProvisioningStatus::RECORD()->location.get(), shown.c_str());
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(result().isSuccess()) << result().toString().str() << "\n" << prov.dump();
+    EXPECT_EQ(storedConfig(), VALID_CONFIG);
+    EXPECT_EQ(job->getDownloadLocation(), shown.c_str());
+    EXPECT_GE(prov.indexOf("[login] Trying to download from location " + shown), 0);
+    EXPECT_GE(prov.indexOf("[login] Location resolved to " + shown), 0);
+    EXPECT_GE(prov.indexOf("[login]   From: " + shown), 0) << prov.dump();
+    EXPECT_TRUE(retryLinesAt(prov.indexOf("[login] Re-Starting HTTP download with authentication"),
+                             {"[login] Re-Starting HTTP download with authentication",
+                              "[login]   From:   " + shown, "[login]   To:     " + workFileOf(path),
+                              "[login]   Realm:  dev", "[login]   User:   dev"}));
+    EXPECT_GE(
+        prov.indexOf("[login] File downloaded: '" + shown + "' -> '" + workFileOf(path) + "'"), 0);
+    EXPECT_GE(xfer.indexOf("login : " + shown + " -> startup-config : succeeded"), 0)
+        << xfer.dump();
+    // wget is asked for the URL without the login.
+    EXPECT_EQ(prov.count(" -- " + url), 2) << prov.dump();
+    for (const char* secret : {"p@ss word", "p%40ss", "p@ss%20", "ss%20word", "dev:p"}) {
+        EXPECT_TRUE(neverLogged(secret));
+    }
+    EXPECT_EQ(wgetRuns(), 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Schemes, HttpLocationLoginTest,
+                         ::testing::Values(HttpServer::Scheme::Basic, HttpServer::Scheme::Digest),
+                         [](const ::testing::TestParamInfo<HttpServer::Scheme>& test) {
+                             return test.param == HttpServer::Scheme::Basic ? "Basic" : "Digest";
+                         });
+
+TEST_F(HttpDownloadTest, wrongLoginInTheLocationIsNotReplacedByTheStoresCredentials) {
+    HttpServer server;
+    server.options().auth = {{"/secure/", "dev", HttpServer::Scheme::Basic, "dev", "right"}};
+    std::string path = remote(".cfg", "secure/");
+    server.put(path, VALID_CONFIG);
+    ASSERT_TRUE(server.start());
+    ASSERT_TRUE(credentials.add("dev", "dev", "right").isSuccess());
+    auto job = configJob("wrong", {("http://dev:wrong@" + server.url(path).substr(7)).c_str()});
+    ASSERT_TRUE(job->execute().isSuccess());
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(result().isHttpErr(401)) << result().toString().str() << "\n" << prov.dump();
+    EXPECT_EQ(wgetRuns(), 2);
+    EXPECT_EQ(storedConfig().rfind("<none", 0), 0U);
+}
+
+TEST_F(HttpDownloadTest, ipv6LoopbackOverHttp) {
+    HttpServer::Options options;
+    options.ipv6 = true;
+    HttpServer server(options);
+    std::string path = remote(".cfg");
+    server.put(path, VALID_CONFIG);
+    ASSERT_TRUE(server.start());
+    std::string url = server.url(path);
+    ASSERT_EQ(url.rfind("http://[::1]:", 0), 0U);
+    auto job = configJob("six", {url.c_str()});
+    ASSERT_TRUE(job->execute().isSuccess());
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(result().isSuccess()) << result().toString().str() << "\n" << prov.dump();
+    EXPECT_EQ(storedConfig(), VALID_CONFIG);
+    EXPECT_GE(prov.indexOf("[six]   From: " + url), 0) << prov.dump();
+    EXPECT_TRUE(prov.contains(" -- " + url)) << prov.dump();
+}
+
+// The login is held for the origin https://[::1]:<port>, which the challenge comes from.
+TEST_F(HttpDownloadTest, ipv6LoopbackOverHttpsWithALogin) {
+    const provtest::Certificates& certificates = provtest::Certificates::get();
+    ASSERT_TRUE(certificates.ok()) << certificates.error();
+    HttpServer::Options options;
+    options.ipv6 = true;
+    options.https = true;
+    options.auth = {{"/secure/", "dev", HttpServer::Scheme::Digest, "six", "v6pass"}};
+    HttpServer server(options);
+    std::string path = remote(".cfg", "secure/");
+    server.put(path, VALID_CONFIG);
+    ASSERT_TRUE(server.start());
+    std::string url = server.url(path);
+    ASSERT_EQ(url.rfind("https://[::1]:", 0), 0U);
+    auto job = configJob("six", {("https://six:v6pass@" + url.substr(8)).c_str()});
+    job->setAuthentication(certificates.rootCa().c_str(), "", "");
+    ASSERT_TRUE(job->execute().isSuccess());
+    ASSERT_TRUE(runToEnd());
+    EXPECT_TRUE(result().isSuccess()) << result().toString().str() << "\n" << prov.dump();
+    EXPECT_EQ(storedConfig(), VALID_CONFIG);
+    EXPECT_GE(prov.indexOf("[six]   From:  https://***@" + url.substr(8)), 0) << prov.dump();
+    EXPECT_GE(prov.indexOf("[six]   User:  six"), 0) << prov.dump();
+    EXPECT_TRUE(neverLogged("v6pass"));
+}
+
 TEST_F(HttpDownloadTest, destroyedJobGetsNoCallbackAndLeavesNoChild) {
     FixtureServer server;
     std::string path = remote(".cfg");

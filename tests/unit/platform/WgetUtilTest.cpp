@@ -308,6 +308,20 @@ TEST_F(WgetUtilTest, whiteSpaceAroundCredentialsIsRefused) {
     }
 }
 
+// The check that buildArgs makes, on its own, for credentials taken long before wget runs.
+TEST_F(WgetUtilTest, credentialCheckAloneGivesTheSameAnswers) {
+    EXPECT_TRUE(WgetUtil::checkCredentials("user", "p w\"d'#x = y").isSuccess());
+    EXPECT_TRUE(WgetUtil::checkCredentials("", "").isSuccess());
+    EXPECT_EQ(WgetUtil::checkCredentials("a\nb", "secret").getString(),
+              "INVALID CHARACTER IN WGET CREDENTIALS");
+    EXPECT_EQ(WgetUtil::checkCredentials("user", String("a\0b", 3)).getString(),
+              "INVALID CHARACTER IN WGET CREDENTIALS");
+    EXPECT_EQ(WgetUtil::checkCredentials("user", "trail ").getString(),
+              "WHITE SPACE AROUND WGET CREDENTIALS");
+    EXPECT_EQ(WgetUtil::checkCredentials("\tuser", "secret").getString(),
+              "WHITE SPACE AROUND WGET CREDENTIALS");
+}
+
 TEST_F(WgetUtilTest, missingOrStandardOutputFileIsRefused) {
     for (const String& out : {String(""), String("-")}) {
         XCode result =

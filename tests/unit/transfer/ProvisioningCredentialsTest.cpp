@@ -195,6 +195,22 @@ TEST(ProvisioningCredentialsTest, boundCredentialGoesOnlyToItsHost) {
     EXPECT_EQ(password, "kept");
 }
 
+// A location writes an IPv6 address in brackets; a configuration may give it with or without.
+TEST(ProvisioningCredentialsTest, boundIpv6HostMatchesWithOrWithoutBrackets) {
+    ProvisioningCredentials bare;
+    ProvisioningCredentials bracketed;
+    ASSERT_TRUE(bare.add("dev", "u", "p", "::1").isSuccess());
+    ASSERT_TRUE(bracketed.add("dev", "u", "p", "[FE80::1]").isSuccess());
+    String user;
+    String password;
+    EXPECT_TRUE(bare.getForHost("dev", "[::1]", user, password).isSuccess());
+    EXPECT_TRUE(bare.getForHost("dev", "::1", user, password).isSuccess());
+    EXPECT_TRUE(bracketed.getForHost("dev", "[fe80::1]", user, password).isSuccess());
+    EXPECT_TRUE(bracketed.getForHost("dev", "fe80::1", user, password).isSuccess());
+    EXPECT_TRUE(bare.getForHost("dev", "[::2]", user, password).isErr());
+    EXPECT_TRUE(bare.getForHost("dev", "[::1", user, password).isErr());
+}
+
 TEST(ProvisioningCredentialsTest, wildCardAnswersForAHostARealmIsNotBoundTo) {
     ProvisioningCredentials store;
     ASSERT_TRUE(store.add("dev", "devuser", "devpass", "10.0.0.1").isSuccess());

@@ -314,6 +314,69 @@ TEST_F(FirmwareJobTest, httpsManifestIsFetchedByTheControllerWithTheJobsCredenti
     EXPECT_EQ(request.handler, job->controllerHandler());
 }
 
+// The flow is chosen by the name the file was fetched under: a query names nothing.
+TEST_F(FirmwareJobTest, queryAndFragmentDoNotChooseTheFlow) {
+    struct Case {
+        const char* path;
+        const char* expected;  // "tar", "manifest" or the refusal
+    };
+    for (const Case& c :
+         {Case{"/fw/image.tar?build=7", "tar"}, Case{"/fw/image.tar#part", "tar"},
+          Case{"/fw/image.tar;type=i", "tar"}, Case{"/fw/image.manifest?build=7#x", "manifest"},
+          Case{"/fw/get.php?f=image.tar", "Provisioned file type not supported"},
+          Case{"/fw/get.php?f=image.manifest", "Provisioned file type not supported"},
+          Case{"/fw/get.php?x#image.tar", "Provisioned file type not supported"}}) {
+        requests.clear();
+        makeJob(false);
+        if (std::string(c.expected) == "tar") {
+            makeArchive(NEWER_MANIFEST);
+        } else {
+            provtest::writeFile(workFile, NEWER_MANIFEST);
+        }
+        job->setDownloaded(("http://10.0.0.1" + std::string(c.path)).c_str(), workFile.c_str(), 1,
+                           "10.0.0.1", 0, c.path);
+        XCode result = onLoop([this] { return job->onSuccessfulFileDownload(); });
+        if (std::string(c.expected) == "tar" || std::string(c.expected) == "manifest") {
+            ASSERT_TRUE(result.isSuccess()) << c.path << ": " << result.toString().c_str();
+            ASSERT_EQ(requests.size(), 1u) << c.path;
+            EXPECT_EQ(requests[0].files[0].startsWith("file:"), std::string(c.expected) == "tar")
+                << c.path;
+        } else {
+            EXPECT_EQ(result.getString(), c.expected) << c.path;
+            EXPECT_TRUE(requests.empty()) << c.path;
+        }
+    }
+}
+
+// The controller fetches what the request asked for: the query goes along, the fragment not.
+TEST_F(FirmwareJobTest, manifestWithAQueryIsFetchedWithItAndWithoutTheFragment) {
+    makeJob(false);
+    provtest::writeFile(workFile, NEWER_MANIFEST);
+    job->setDownloaded("http://10.0.0.1/fw/image.manifest?build=7#top", workFile.c_str(), 1,
+                       "10.0.0.1", 0, "/fw/image.manifest?build=7#top");
+    ASSERT_TRUE(onLoop([this] { return job->onSuccessfulFileDownload(); }).isSuccess());
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].files[0], "http://10.0.0.1/fw/image.manifest?build=7");
+}
+
+// A login written into the location answers for its origin, ahead of the realm's credentials.
+TEST_F(FirmwareJobTest, locationLoginGoesToTheControllerForItsOriginOnly) {
+    for (bool sameOrigin : {true, false}) {
+        requests.clear();
+        makeJob(false);
+        job->setRealm("realmuser", "realmpass", UriUtil::buildOrigin("https", "10.0.0.1", 8443));
+        job->setLogin("locuser", "locpass",
+                      UriUtil::buildOrigin("https", sameOrigin ? "10.0.0.1" : "10.0.0.2", 8443));
+        provtest::writeFile(workFile, NEWER_MANIFEST);
+        job->setDownloaded("https://10.0.0.1:8443/fw/image.manifest", workFile.c_str(), 2,
+                           "10.0.0.1", 8443, "/fw/image.manifest");
+        ASSERT_TRUE(onLoop([this] { return job->onSuccessfulFileDownload(); }).isSuccess());
+        ASSERT_EQ(requests.size(), 1u);
+        EXPECT_EQ(requests[0].user, sameOrigin ? "locuser" : "realmuser");
+        EXPECT_EQ(requests[0].password, sameOrigin ? "locpass" : "realmpass");
+    }
+}
+
 TEST_F(FirmwareJobTest, httpManifestUsesTheHttpScheme) {
     makeJob(false);
     provtest::writeFile(workFile, NEWER_MANIFEST);
