@@ -219,6 +219,24 @@ void Cell::checkConfigStored(Verdict& verdict, const std::string& location,
     return verdict.result(context());
 }
 
+::testing::AssertionResult Cell::redirectedToFolder(const std::string& location,
+                                                    const std::string& target, int status) {
+    XCode result = runJob(*configJob(location));
+    Verdict verdict;
+    verdict
+        .check(result.getString() == "INVALID LOCATION: Cannot download folder",
+               "the job did not refuse the folder: " + result.toString().str())
+        .check(
+            lastStatusLine().find(" " + std::to_string(status) + " ") != std::string::npos,
+            "the server's answer was \"" + lastStatusLine() + "\", not " + std::to_string(status))
+        .check(
+            prov.indexOf("[" + JOB + "] Redirected: '" + location + "' -> '" + target + "'") >= 0,
+            "no \"Redirected\" line from " + location + " to " + target)
+        .check(storedConfig() == "<none>", "a configuration was stored")
+        .check(xfer.lines().empty(), "transfer log: " + joined(xfer.lines()));
+    return verdict.result(context());
+}
+
 ::testing::AssertionResult Cell::challengeAnswered(const std::string& location,
                                                    const RealmUser& realmUser,
                                                    const std::string& scheme) {

@@ -155,6 +155,10 @@ class Cell : public ::testing::Test {
                                             const TlsSettings& tls = {});
     ::testing::AssertionResult redirectFollowed(const std::string& location,
                                                 const std::string& target, int status);
+    // The job follows the redirect to a folder and refuses the folder, fetching and storing
+    // nothing.
+    ::testing::AssertionResult redirectedToFolder(const std::string& location,
+                                                  const std::string& target, int status);
     ::testing::AssertionResult challengeAnswered(const std::string& location,
                                                  const RealmUser& realmUser,
                                                  const std::string& scheme);

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -34,7 +35,13 @@ class Matrix {
         return matrix;
     }
 
-    void setVersion(const std::string& server, const std::string& version) {
+    // Keeps the version number of what the server binary printed ("lighttpd/1.4.69 (ssl) - a
+    // light and fast webserver" gives 1.4.69), all of it when it holds no number.
+    void setVersion(const std::string& server, const std::string& printed) {
+        static const std::regex number("[0-9]+\\.[0-9]+(\\.[0-9]+)?");
+        std::smatch found;
+        const std::string version =
+            std::regex_search(printed, found, number) ? found.str() : printed;
         for (auto& [name, text] : versions_) {
             if (name == server) {
                 text = version;

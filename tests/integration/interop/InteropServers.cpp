@@ -175,6 +175,7 @@ class Python : public HttpKind {
     std::string url(const std::string& path) const override { return server_.url(path); }
     std::string redirectLocation(HttpScenario) const override { return url(site::FOLDER); }
     std::string redirectTarget(HttpScenario) const override { return url(site::FOLDER_TARGET); }
+    bool redirectsOnlyFolders() const override { return true; }
 
   private:
     provtest::PythonHttpServer server_;
@@ -211,6 +212,7 @@ class Busybox : public HttpKind {
     std::string url(const std::string& path) const override { return server_.url(path); }
     std::string redirectLocation(HttpScenario) const override { return url(site::FOLDER); }
     std::string redirectTarget(HttpScenario) const override { return url(site::FOLDER_TARGET); }
+    bool redirectsOnlyFolders() const override { return true; }
 
   private:
     provtest::BusyboxHttpd server_;

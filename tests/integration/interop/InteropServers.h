@@ -46,9 +46,9 @@ const std::string FORBIDDEN = "/forbidden/unit.cfg";
 const std::string MISSING = "/missing/unit.cfg";
 const std::string LARGE = "/large/firmware.tar";
 // The one redirect of servers without redirects of their own: a folder without its trailing
-// slash. The query names the work file, since a location ending in "/" names no file.
-const std::string FOLDER = "/folder?unit.cfg";
-const std::string FOLDER_TARGET = "/folder/?unit.cfg";
+// slash, sent to the folder, which names no file that a job could download.
+const std::string FOLDER = "/folder";
+const std::string FOLDER_TARGET = "/folder/";
 const std::string BASIC_REALM = "interop-basic";
 const std::string DIGEST_REALM = "interop-digest";
 const std::string USER = "device-17";
@@ -74,6 +74,8 @@ class HttpKind {
         return url(redirectPath(scenario));
     }
     virtual std::string redirectTarget(HttpScenario) const { return url(site::FILE); }
+    // True for servers whose only redirect sends a folder to its trailing slash.
+    virtual bool redirectsOnlyFolders() const { return false; }
 };
 
 class TftpKind {
