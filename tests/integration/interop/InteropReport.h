@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -38,10 +37,7 @@ class Matrix {
     // Keeps the version number of what the server binary printed ("lighttpd/1.4.69 (ssl) - a
     // light and fast webserver" gives 1.4.69), all of it when it holds no number.
     void setVersion(const std::string& server, const std::string& printed) {
-        static const std::regex number("[0-9]+\\.[0-9]+(\\.[0-9]+)?");
-        std::smatch found;
-        const std::string version =
-            std::regex_search(printed, found, number) ? found.str() : printed;
+        const std::string version = versionNumberIn(printed);
         for (auto& [name, text] : versions_) {
             if (name == server) {
                 text = version;
@@ -72,6 +68,28 @@ class Matrix {
     }
 
   private:
+    // The first run of digits and dots that holds a dot between digits, such as "2.4.71".
+    static std::string versionNumberIn(const std::string& text) {
+        auto digit = [](char c) { return c >= '0' && c <= '9'; };
+        for (std::size_t start = 0; start < text.size(); ++start) {
+            if (!digit(text[start]) || (start > 0 && digit(text[start - 1]))) {
+                continue;
+            }
+            std::size_t end = start;
+            while (end < text.size() && (digit(text[end]) || text[end] == '.')) {
+                ++end;
+            }
+            while (end > start && text[end - 1] == '.') {
+                --end;
+            }
+            std::string number = text.substr(start, end - start);
+            if (number.find('.') != std::string::npos) {
+                return number;
+            }
+        }
+        return text;
+    }
+
     std::vector<std::pair<std::string, std::string>> versions_;
     std::vector<Cell> cells_;
 };
