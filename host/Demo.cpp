@@ -22,10 +22,10 @@
 #include "host/StopSignals.h"
 #include "platform/Cli.h"
 #include "platform/Device.h"
-#include "platform/PrivateFile.h"
 #include "platform/Shell.h"
-#include "platform/SimulatedSystemStatus.h"
 #include "platform/SystemStatus.h"
+#include "platform/posix/PrivateFile.h"
+#include "platform/simulated/SimulatedSystemStatus.h"
 
 namespace Provctl {
 

@@ -8,7 +8,7 @@
 #include "platform/Device.h"
 #include "platform/KtFile.h"
 #include "platform/Shell.h"
-#include "platform/SlotState.h"
+#include "platform/simulated/SlotState.h"
 
 namespace Provctl {
 

@@ -10,8 +10,8 @@
 #include "jobs/content/WizardProvisioningJob.h"
 #include "jobs/upgrade/FirmwareProvisioningJob.h"
 #include "jobs/upgrade/ScriptProvisioningJob.h"
-#include "platform/SlotState.h"
 #include "platform/StatusDb.h"
+#include "platform/simulated/SlotState.h"
 
 namespace Provctl {
 

@@ -17,8 +17,8 @@
 #include "platform/Device.h"
 #include "platform/Monitor.h"
 #include "platform/Shell.h"
-#include "platform/SimulatedSystemStatus.h"
 #include "platform/SystemStatus.h"
+#include "platform/simulated/SimulatedSystemStatus.h"
 
 namespace Provctl {
 

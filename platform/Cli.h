@@ -2,9 +2,9 @@
 
 #include <vector>
 
-#include "Monitor.h"
-#include "String.h"
-#include "XCode.h"
+#include "platform/Monitor.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
 
 // The device's configuration store: named configurations in the device directory's config/.
 namespace CLI {

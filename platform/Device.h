@@ -1,7 +1,7 @@
 #pragma once
 
-#include "String.h"
-#include "XCode.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
 
 // Where the simulated device lives on this host. The engine keeps the device's own paths
 // ("/flash/dialplan/x", "/tmp/provisioning/x"); the platform maps them into the device directory

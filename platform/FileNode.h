@@ -2,8 +2,8 @@
 
 #include <cstddef>
 
-#include "String.h"
-#include "XCode.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
 
 // What lies at a path of the work directory, looked at and removed without ever following a
 // symbolic link, and read only when it is a plain file of bounded size. A tool run by the engine

@@ -2,8 +2,8 @@
 
 #include <sys/types.h>
 
-#include "String.h"
-#include "XCode.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
 
 struct stat;
 

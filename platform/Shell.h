@@ -5,9 +5,9 @@
 #include <memory>
 #include <vector>
 
-#include "KtFunction.h"
-#include "String.h"
-#include "XCode.h"
+#include "platform/KtFunction.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
 
 namespace Kt {
 

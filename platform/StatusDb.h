@@ -3,8 +3,8 @@
 #include <memory>
 #include <mutex>
 
-#include "String.h"
-#include "XCode.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
 
 // The slice of the device's configuration database that provisioning writes: the provisioning
 // status record and its location field. The simulated database keeps the record in memory and

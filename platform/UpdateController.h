@@ -5,8 +5,8 @@
 #include <functional>
 #include <vector>
 
-#include "String.h"
-#include "XCode.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
 
 // The device's update controller, simulated on the device directory: two image slots
 // (slots/1, slots/2) and their state (slots/state, see SlotState.h). It works in the background

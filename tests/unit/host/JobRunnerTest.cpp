@@ -9,7 +9,7 @@
 #include "host/StopSignals.h"
 #include "platform/Device.h"
 #include "platform/Shell.h"
-#include "platform/SlotState.h"
+#include "platform/simulated/SlotState.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
 

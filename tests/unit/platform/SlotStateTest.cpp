@@ -1,4 +1,4 @@
-#include "platform/SlotState.h"
+#include "platform/simulated/SlotState.h"
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,7 @@
 
 #include "DeviceTestSupport.h"
 #include "platform/Device.h"
-#include "platform/SimulatedSystemStatus.h"
+#include "platform/simulated/SimulatedSystemStatus.h"
 
 namespace {
 

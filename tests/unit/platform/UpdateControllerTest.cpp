@@ -15,7 +15,7 @@
 #include "platform/Device.h"
 #include "platform/FileNode.h"
 #include "platform/KtEventLoop.h"
-#include "platform/SlotState.h"
+#include "platform/simulated/SlotState.h"
 #include "support/RejectedCommands.h"
 #include "support/TempDir.h"
 #include "support/UpgradeSupport.h"
