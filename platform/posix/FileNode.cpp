@@ -10,7 +10,8 @@
 #include <cstring>
 #include <vector>
 
-#include "platform/Device.h"
+#include "platform/posix/DevicePaths.h"
+#include "platform/posix/FileNodeCaps.h"
 
 namespace FileNode {
 

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <random>
 
-#include "platform/Device.h"
+#include "platform/posix/DevicePaths.h"
 
 namespace {
 

@@ -35,7 +35,7 @@ extern const char* const TOOL_PATH;
 int SPAWN(const String& path, const std::vector<String>& argv, int outFd, int errFd, pid_t& pid,
           std::size_t fileSizeLimit = 0);
 
-// Bookkeeping of children started and not yet reaped, for Shell::RUNNING_COMMANDS.
+// Bookkeeping of children started and not yet reaped, for ShellHooks::RUNNING_COMMANDS.
 void STARTED();
 void REAPED();
 std::size_t RUNNING();

@@ -14,9 +14,11 @@
 #include <map>
 #include <mutex>
 
-#include "platform/Device.h"
+#include "platform/posix/DevicePaths.h"
 #include "platform/posix/ProcessReactor.h"
 #include "platform/posix/ProcessSpawn.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/testing/ShellHooks.h"
 
 namespace Kt {
 
@@ -34,7 +36,7 @@ ToolMap& TOOLS() {
     return *tools;
 }
 
-std::atomic<long long> g_deadlineMs{Shell::DEFAULT_COMMAND_DEADLINE.count()};
+std::atomic<long long> g_deadlineMs{ShellControl::DEFAULT_COMMAND_DEADLINE.count()};
 
 XCode emptyCommandLine() {
     XCode code = XCode::fromErrno(EINVAL);
@@ -89,7 +91,7 @@ XCode prepare(const String& commandLine, String& program, std::vector<String>& a
     if (mapped.isErr()) {
         return mapped;
     }
-    arguments = Shell::RESOLVE_TOOL(words);
+    arguments = ShellControl::RESOLVE_TOOL(words);
     int error = process::FIND_PROGRAM(arguments.front(), path);
     if (error != 0) {
         return process::CANNOT_START(program, error);
@@ -223,12 +225,12 @@ void Future<String>::abandonAndReap() {
     }
 }
 
-void Shell::SET_COMMAND_DEADLINE(std::chrono::milliseconds deadline) {
+void ShellControl::SET_COMMAND_DEADLINE(std::chrono::milliseconds deadline) {
     constexpr long long MOST = 30LL * 24 * 60 * 60 * 1000;
     g_deadlineMs.store(std::min<long long>(std::max<long long>(deadline.count(), 1), MOST));
 }
 
-std::chrono::milliseconds Shell::COMMAND_DEADLINE() {
+std::chrono::milliseconds ShellControl::COMMAND_DEADLINE() {
     return std::chrono::milliseconds(g_deadlineMs.load());
 }
 
@@ -259,7 +261,7 @@ std::vector<String> Shell::SPLIT_WORDS(const String& commandLine) {
     return words;
 }
 
-void Shell::SET_TOOL(const String& name, const std::vector<String>& replacementPrefix) {
+void ShellControl::SET_TOOL(const String& name, const std::vector<String>& replacementPrefix) {
     ToolMap& map = TOOLS();
     std::lock_guard<std::mutex> guard(map.mutex);
     if (replacementPrefix.empty()) {
@@ -269,7 +271,7 @@ void Shell::SET_TOOL(const String& name, const std::vector<String>& replacementP
     }
 }
 
-std::vector<String> Shell::RESOLVE_TOOL(const std::vector<String>& words) {
+std::vector<String> ShellControl::RESOLVE_TOOL(const std::vector<String>& words) {
     if (words.empty()) {
         return words;
     }
@@ -287,11 +289,11 @@ std::vector<String> Shell::RESOLVE_TOOL(const std::vector<String>& words) {
     return resolved;
 }
 
-std::size_t Shell::RUNNING_COMMANDS() {
+std::size_t ShellHooks::RUNNING_COMMANDS() {
     return process::RUNNING();
 }
 
-bool Shell::WAIT_FOR_RUNNING_COMMANDS(std::size_t count, std::chrono::milliseconds timeout) {
+bool ShellControl::WAIT_FOR_RUNNING_COMMANDS(std::size_t count, std::chrono::milliseconds timeout) {
     return process::WAIT_FOR_RUNNING(count, timeout);
 }
 
@@ -331,7 +333,7 @@ XCode Shell::invoke(const String& commandLine, ResultCallback result, OutputCall
     ::fcntl(errPipe[0], F_SETFL, O_NONBLOCK);
 
     auto command = std::make_shared<process::Command>(program, pid, openPidFd(pid), outPipe[0],
-                                                      errPipe[0], COMMAND_DEADLINE());
+                                                      errPipe[0], ShellControl::COMMAND_DEADLINE());
     command->result = std::move(result);
     command->output = std::move(output);
     command->errorOutput = std::move(errorOutput);
@@ -373,10 +375,11 @@ XCode Shell::execute(const String& commandLine, String* output, const Limits& li
     int status = 0;
     bool timedOut = false;
     // The run owns the read end from here.
-    bool reaped = SyncRun(pid, outPipe[0], output).run(COMMAND_DEADLINE(), status, timedOut);
+    bool reaped =
+        SyncRun(pid, outPipe[0], output).run(ShellControl::COMMAND_DEADLINE(), status, timedOut);
     process::REAPED();
     if (timedOut) {
-        return process::DEADLINE_PASSED(program, COMMAND_DEADLINE());
+        return process::DEADLINE_PASSED(program, ShellControl::COMMAND_DEADLINE());
     }
     if (!reaped) {
         code = XCode::fromErrno(errno);

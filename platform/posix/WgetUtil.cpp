@@ -10,7 +10,7 @@
 #include <initializer_list>
 #include <string>
 
-#include "platform/Device.h"
+#include "platform/posix/DevicePaths.h"
 
 // The options and the reasons for each are in docs/WGET.md; keep the two in step.
 namespace WgetUtil {

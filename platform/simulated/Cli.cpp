@@ -9,8 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Device.h"
 #include "platform/KtFile.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/simulated/SimulatedCmdExec.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "platform/simulated/SimulatedSystemStatus.h"
 
-#include "platform/Device.h"
 #include "platform/KtFile.h"
+#include "platform/simulated/DeviceDirectory.h"
 
 XCode SimulatedSystemStatus::setSubsystemBusy(unsigned int subsystem, bool busy) {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <mutex>
 
-#include "platform/Device.h"
 #include "platform/KtFile.h"
+#include "platform/simulated/DeviceDirectory.h"
 
 namespace {
 

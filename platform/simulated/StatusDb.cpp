@@ -1,7 +1,9 @@
 #include "platform/StatusDb.h"
 
-#include "platform/Device.h"
 #include "platform/KtFile.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/simulated/SimulatedStatusDb.h"
+#include "platform/testing/StatusDbHooks.h"
 
 namespace DB {
 
@@ -61,19 +63,19 @@ XCode SystemProvisioningStatus::find(const Cfg::QueryAllByKey::Key& key,
     return XCode::SUCCESS;
 }
 
-void SystemProvisioningStatus::SET_AVAILABLE(bool available) {
+void ProvisioningStatusHooks::SET_AVAILABLE(bool available) {
     Database& db = database();
     std::lock_guard<std::mutex> lock(db.mutex);
     db.available = available;
 }
 
-Ptr<SystemProvisioningStatusRecord> SystemProvisioningStatus::RECORD() {
+Ptr<SystemProvisioningStatusRecord> SimulatedProvisioningStatus::RECORD() {
     Database& db = database();
     std::lock_guard<std::mutex> lock(db.mutex);
     return db.record;
 }
 
-void SystemProvisioningStatus::RESET() {
+void ProvisioningStatusHooks::RESET() {
     Database& db = database();
     std::lock_guard<std::mutex> lock(db.mutex);
     db.available = true;

@@ -11,9 +11,11 @@
 #include "platform/KtEventLoop.h"
 #include "platform/Monitor.h"
 #include "platform/UriUtil.h"
+#include "platform/simulated/SimulatedUpdateController.h"
 #include "platform/simulated/UpdateSession.h"
 #include "platform/simulated/UpdateSteps.h"
 #include "platform/simulated/UpdateUpgrade.h"
+#include "platform/testing/UpdateControllerHooks.h"
 
 namespace UpdateController {
 namespace {

@@ -9,8 +9,8 @@
 #include <string>
 #include <system_error>
 
-#include "platform/Device.h"
 #include "platform/FileNode.h"
+#include "platform/simulated/DeviceDirectory.h"
 #include "platform/simulated/UpdateSteps.h"
 
 namespace UpdateController {

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <string>
 
-#include "platform/Device.h"
+#include "platform/simulated/DeviceDirectory.h"
 #include "platform/simulated/SlotState.h"
 #include "platform/simulated/UpdateSteps.h"
 

@@ -8,8 +8,8 @@
 #include <cstddef>
 
 #include "platform/String.h"
-#include "platform/UpdateController.h"
 #include "platform/XCode.h"
+#include "platform/simulated/SimulatedUpdateController.h"
 
 namespace RTD {
 class Monitor;

@@ -6,8 +6,8 @@
 #include <memory>
 
 #include "platform/String.h"
-#include "platform/UpdateController.h"
 #include "platform/XCode.h"
+#include "platform/simulated/SimulatedUpdateController.h"
 #include "platform/simulated/UpdateSession.h"
 #include "platform/simulated/UpdateSteps.h"
 

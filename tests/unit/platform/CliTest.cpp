@@ -5,7 +5,8 @@
 #include <vector>
 
 #include "DeviceTestSupport.h"
-#include "platform/Device.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/simulated/SimulatedCmdExec.h"
 #include "support/RejectedCommands.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/Device.h"
+#include "platform/simulated/DeviceDirectory.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

@@ -12,6 +12,7 @@
 
 #include <string>
 
+#include "platform/posix/FileNodeCaps.h"
 #include "support/TempDir.h"
 
 namespace {

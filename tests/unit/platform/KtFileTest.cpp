@@ -7,7 +7,7 @@
 #include <cerrno>
 
 #include "DeviceTestSupport.h"
-#include "platform/Device.h"
+#include "platform/simulated/DeviceDirectory.h"
 
 namespace {
 

@@ -23,6 +23,8 @@
 
 #include "platform/KtEventLoop.h"
 #include "platform/KtFunction.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/testing/ShellHooks.h"
 #include "support/TempDir.h"
 
 static void PrintTo(const String& text, std::ostream* out) {
@@ -139,26 +141,27 @@ INSTANTIATE_TEST_SUITE_P(
 // --- tool map ----------------------------------------------------------------------------------
 
 TEST(ShellToolTest, tftpRunsTheBusyBoxApplet) {
-    std::vector<String> resolved = Kt::Shell::RESOLVE_TOOL({"tftp", "-g", "host"});
+    std::vector<String> resolved = Kt::ShellControl::RESOLVE_TOOL({"tftp", "-g", "host"});
     std::vector<String> expected{"busybox", "tftp", "-g", "host"};
     EXPECT_EQ(resolved, expected);
 }
 
 TEST(ShellToolTest, wgetTarAndPathsRunAsThemselves) {
-    EXPECT_EQ(Kt::Shell::RESOLVE_TOOL({"wget", "-q"}), (std::vector<String>{"wget", "-q"}));
-    EXPECT_EQ(Kt::Shell::RESOLVE_TOOL({"tar", "-x"}), (std::vector<String>{"tar", "-x"}));
-    EXPECT_EQ(Kt::Shell::RESOLVE_TOOL({"/usr/bin/tftp"}), (std::vector<String>{"/usr/bin/tftp"}));
-    EXPECT_TRUE(Kt::Shell::RESOLVE_TOOL({}).empty());
+    EXPECT_EQ(Kt::ShellControl::RESOLVE_TOOL({"wget", "-q"}), (std::vector<String>{"wget", "-q"}));
+    EXPECT_EQ(Kt::ShellControl::RESOLVE_TOOL({"tar", "-x"}), (std::vector<String>{"tar", "-x"}));
+    EXPECT_EQ(Kt::ShellControl::RESOLVE_TOOL({"/usr/bin/tftp"}),
+              (std::vector<String>{"/usr/bin/tftp"}));
+    EXPECT_TRUE(Kt::ShellControl::RESOLVE_TOOL({}).empty());
 }
 
 TEST(ShellToolTest, setToolReplacesTheProgramAndEmptyPrefixRemovesIt) {
-    Kt::Shell::SET_TOOL("greet", {"echo", "hello"});
+    Kt::ShellControl::SET_TOOL("greet", {"echo", "hello"});
     String output;
     XCode code = Kt::Shell::execute("greet world", &output);
     EXPECT_TRUE(code.isSuccess()) << code.toString().str();
     EXPECT_EQ(output, "hello world\n");
 
-    Kt::Shell::SET_TOOL("greet", {});
+    Kt::ShellControl::SET_TOOL("greet", {});
     code = Kt::Shell::execute("greet world", &output);
     EXPECT_EQ(code.getFamily(), XCode::ERRNO_FAMILY);
     EXPECT_EQ(code.getDetail(), static_cast<XCodeValue>(ENOENT));
@@ -229,7 +232,7 @@ TEST_F(ShellTest, outputArrivesWhileTheCommandRuns) {
     EXPECT_EQ(countOf(Delivery::RESULT), 0);
     EXPECT_FALSE(future.isFinished());
     future.reset();
-    EXPECT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, DEADLINE));
+    EXPECT_TRUE(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, DEADLINE));
 }
 
 TEST_F(ShellTest, standardInputIsEmpty) {
@@ -301,7 +304,7 @@ TEST_F(ShellTest, missingProgramCannotStartAndCallsNothing) {
               String::format("CANNOT START no-such-program-for-the-shell-test: %s",
                              std::strerror(ENOENT)));
     EXPECT_FALSE(future.isValid());
-    EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0U);
+    EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 0U);
     loop.runPending();
     EXPECT_TRUE(deliveries.empty());
 }
@@ -341,15 +344,15 @@ TEST_F(ShellTest, destroyingTheLastFutureTerminatesAndReapsTheCommand) {
 
     Kt::Future<String> future;
     ASSERT_TRUE(start("sleep 30", future).isSuccess());
-    EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 1U);
+    EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 1U);
     EXPECT_GT(openDescriptors(), descriptors);
     Kt::Future<String> copy = future;
     future.reset();
     EXPECT_FALSE(copy.isFinished());  // a copy keeps the command
-    EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 1U);
+    EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 1U);
     copy.reset();
 
-    ASSERT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, DEADLINE));
+    ASSERT_TRUE(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, DEADLINE));
     EXPECT_EQ(openDescriptors(), descriptors);
     loop.runPending();
     EXPECT_TRUE(deliveries.empty());
@@ -360,7 +363,7 @@ TEST_F(ShellTest, childIgnoringTerminationIsKilled) {
     ASSERT_TRUE(start("sh -c \"trap '' TERM; echo ready; exec sleep 30\"", future).isSuccess());
     ASSERT_TRUE(loop.runUntil([this] { return textOf(Delivery::OUT) == "ready\n"; }, DEADLINE));
     future.reset();
-    EXPECT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, DEADLINE));
+    EXPECT_TRUE(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, DEADLINE));
     deliveries.clear();
     loop.runPending();
     EXPECT_TRUE(deliveries.empty());
@@ -375,7 +378,7 @@ TEST_F(ShellTest, abandoningTerminatesTheWholeProcessGroup) {
     int grandchildFd = static_cast<int>(::syscall(SYS_pidfd_open, grandchild, 0));
     ASSERT_GE(grandchildFd, 0) << std::strerror(errno);
     future.reset();
-    EXPECT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, DEADLINE));
+    EXPECT_TRUE(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, DEADLINE));
     pollfd exited{grandchildFd, POLLIN, 0};
     EXPECT_EQ(::poll(&exited, 1, static_cast<int>(DEADLINE.count())), 1);
     ::close(grandchildFd);
@@ -418,7 +421,7 @@ TEST_F(ShellTest, startingAnotherCommandOnTheSameFutureAbandonsTheFirst) {
     ASSERT_TRUE(start("echo second", future).isSuccess());
     ASSERT_TRUE(runUntilResult());
     EXPECT_EQ(result().text, "second\n");
-    EXPECT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, DEADLINE));
+    EXPECT_TRUE(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, DEADLINE));
     loop.runPending();
     EXPECT_EQ(countOf(Delivery::RESULT), 1);
 }
@@ -464,7 +467,7 @@ TEST_F(ShellTest, twoHundredConcurrentCommandsEachDeliverOneResult) {
         ASSERT_TRUE(code.isSuccess()) << code.toString().str();
     }
     ASSERT_TRUE(loop.runUntil([&] { return total == COUNT; }, DEADLINE));
-    EXPECT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, DEADLINE));
+    EXPECT_TRUE(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, DEADLINE));
     loop.runPending();
     EXPECT_EQ(total, COUNT);
     for (int i = 0; i < COUNT; ++i) {
@@ -482,7 +485,7 @@ TEST(ShellExecuteTest, collectsBothStreamsAndTheExitStatus) {
     EXPECT_EQ(code.getValue(), 0x12000004U);
     EXPECT_EQ(code.getString(), "sh EXITED WITH STATUS 4");
     EXPECT_EQ(output, "a\nb\n");
-    EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0U);
+    EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 0U);
 }
 
 TEST(ShellExecuteTest, succeedsWithoutOutputArgument) {
@@ -499,7 +502,7 @@ TEST(ShellExecuteTest, missingProgramCannotStart) {
     EXPECT_EQ(code.getString(),
               String::format("CANNOT START no-such-program-for-the-shell-test: %s",
                              std::strerror(ENOENT)));
-    EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0U);
+    EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 0U);
 }
 
 TEST(ShellExecuteTest, absolutePathRunsWithoutPathLookup) {

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/Device.h"
+#include "platform/simulated/DeviceDirectory.h"
 #include "support/TempDir.h"
 
 namespace {

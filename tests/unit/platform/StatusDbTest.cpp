@@ -3,13 +3,17 @@
 #include <thread>
 
 #include "DeviceTestSupport.h"
-#include "platform/Device.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/simulated/SimulatedStatusDb.h"
+#include "platform/testing/StatusDbHooks.h"
 
 namespace {
 
 using devicetest::readFile;
 using devicetest::TemporaryDirectory;
 namespace fs = std::filesystem;
+using DB::Table::ProvisioningStatusHooks;
+using DB::Table::SimulatedProvisioningStatus;
 using DB::Table::SystemProvisioningStatus;
 using Key = DB::Table::Cfg::QueryAllByKey::Key;
 
@@ -22,10 +26,10 @@ class StatusDbTest : public ::testing::Test {
     void SetUp() override {
         Device::SET_ROOT(directory.path().c_str());
         ASSERT_TRUE(Device::PREPARE().isSuccess());
-        SystemProvisioningStatus::RESET();
+        ProvisioningStatusHooks::RESET();
     }
     void TearDown() override {
-        SystemProvisioningStatus::RESET();
+        ProvisioningStatusHooks::RESET();
         Device::SET_ROOT("");
     }
 
@@ -38,7 +42,7 @@ TEST_F(StatusDbTest, provisioningRecordIsFound) {
     DB::Ptr<DB::SystemProvisioningStatusRecord> record;
     ASSERT_TRUE(SystemProvisioningStatus::find(key(2, 10), record).isSuccess());
     ASSERT_NE(record, nullptr);
-    EXPECT_EQ(record, SystemProvisioningStatus::RECORD());
+    EXPECT_EQ(record, SimulatedProvisioningStatus::RECORD());
 }
 
 TEST_F(StatusDbTest, otherKeysHaveNoRecord) {
@@ -54,12 +58,12 @@ TEST_F(StatusDbTest, otherKeysHaveNoRecord) {
 }
 
 TEST_F(StatusDbTest, unavailableDatabaseHasNoRecord) {
-    SystemProvisioningStatus::SET_AVAILABLE(false);
+    ProvisioningStatusHooks::SET_AVAILABLE(false);
     DB::Ptr<DB::SystemProvisioningStatusRecord> record;
     XCode result = SystemProvisioningStatus::find(key(2, 10), record);
     ASSERT_TRUE(result.isErr());
     EXPECT_EQ(result.getString(), String("NO STATUS RECORD FOR KEY (2, 10)"));
-    SystemProvisioningStatus::SET_AVAILABLE(true);
+    ProvisioningStatusHooks::SET_AVAILABLE(true);
     EXPECT_TRUE(SystemProvisioningStatus::find(key(2, 10), record).isSuccess());
 }
 
@@ -87,7 +91,7 @@ TEST_F(StatusDbTest, laterLookupsSeeTheSameLocation) {
 }
 
 TEST_F(StatusDbTest, failedMirrorFailsTheAssignmentAndKeepsTheOldValue) {
-    auto record = SystemProvisioningStatus::RECORD();
+    auto record = SimulatedProvisioningStatus::RECORD();
     ASSERT_TRUE((record->location = "old").isSuccess());
     fs::remove_all(directory.path() + "/status");
     devicetest::writeFile(directory.path() + "/status", "a file in the way");
@@ -99,27 +103,27 @@ TEST_F(StatusDbTest, failedMirrorFailsTheAssignmentAndKeepsTheOldValue) {
 
 TEST_F(StatusDbTest, missingStatusDirectoryIsCreated) {
     fs::remove_all(directory.path() + "/status");
-    ASSERT_TRUE((SystemProvisioningStatus::RECORD()->location = "x").isSuccess());
+    ASSERT_TRUE((SimulatedProvisioningStatus::RECORD()->location = "x").isSuccess());
     EXPECT_EQ(readFile(locationFile()), "x");
 }
 
 TEST_F(StatusDbTest, withoutDeviceDirectoryTheLocationIsKeptInMemory) {
     Device::SET_ROOT("");
-    ASSERT_TRUE((SystemProvisioningStatus::RECORD()->location = "x").isSuccess());
-    EXPECT_EQ(SystemProvisioningStatus::RECORD()->location.get(), String("x"));
+    ASSERT_TRUE((SimulatedProvisioningStatus::RECORD()->location = "x").isSuccess());
+    EXPECT_EQ(SimulatedProvisioningStatus::RECORD()->location.get(), String("x"));
 }
 
 TEST_F(StatusDbTest, resetGivesAFreshRecord) {
-    ASSERT_TRUE((SystemProvisioningStatus::RECORD()->location = "x").isSuccess());
-    SystemProvisioningStatus::SET_AVAILABLE(false);
-    SystemProvisioningStatus::RESET();
+    ASSERT_TRUE((SimulatedProvisioningStatus::RECORD()->location = "x").isSuccess());
+    ProvisioningStatusHooks::SET_AVAILABLE(false);
+    ProvisioningStatusHooks::RESET();
     DB::Ptr<DB::SystemProvisioningStatusRecord> record;
     ASSERT_TRUE(SystemProvisioningStatus::find(key(2, 10), record).isSuccess());
     EXPECT_TRUE(record->location.get().isEmpty());
 }
 
 TEST_F(StatusDbTest, concurrentWritersLeaveOneWholeValue) {
-    auto record = SystemProvisioningStatus::RECORD();
+    auto record = SimulatedProvisioningStatus::RECORD();
     auto writer = [&record](const char* value) {
         for (int i = 0; i < 20; ++i) {
             EXPECT_TRUE((record->location = value).isSuccess());

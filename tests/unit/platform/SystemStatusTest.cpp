@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "DeviceTestSupport.h"
-#include "platform/Device.h"
+#include "platform/simulated/DeviceDirectory.h"
 #include "platform/simulated/SimulatedSystemStatus.h"
 
 namespace {

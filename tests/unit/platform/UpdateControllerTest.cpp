@@ -12,10 +12,13 @@
 #include <string>
 #include <vector>
 
-#include "platform/Device.h"
 #include "platform/FileNode.h"
 #include "platform/KtEventLoop.h"
+#include "platform/posix/FileNodeCaps.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/simulated/SimulatedUpdateController.h"
 #include "platform/simulated/SlotState.h"
+#include "platform/testing/UpdateControllerHooks.h"
 #include "support/RejectedCommands.h"
 #include "support/TempDir.h"
 #include "support/UpgradeSupport.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Device.h"
+#include "platform/simulated/DeviceDirectory.h"
 #include "support/TempDir.h"
 
 namespace {
