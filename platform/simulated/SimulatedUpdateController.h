@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstddef>
-#include <vector>
 
 #include "platform/UpdateController.h"
 
@@ -26,21 +25,6 @@
 // Temporary files are removed on every path, before the termination is reported. The first progress
 // report names the private work directory.
 namespace UpdateController {
-
-// One PERFORM_UPGRADE_IMAGE_JOB call as the caller made it.
-struct Request {
-    String action;
-    std::vector<String> files;
-    String arg3;
-    String user;
-    String password;
-    String auth1;
-    String auth2;
-    String auth3;
-    String caller;
-    bool withCredentials = false;  // the long form
-    CallbackHandler* handler = nullptr;
-};
 
 // Number of upgrades whose background work has not ended yet, cancelled ones included.
 std::size_t RUNNING_UPGRADES();

@@ -9,7 +9,7 @@
 
 #include "platform/String.h"
 #include "platform/XCode.h"
-#include "platform/simulated/SimulatedUpdateController.h"
+#include "platform/testing/UpdateControllerHooks.h"
 
 namespace RTD {
 class Monitor;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/simulated/SimulatedStatusDb.h"
+#include "platform/StatusDb.h"
 
 // Test hooks of the simulated status database.
 namespace DB {

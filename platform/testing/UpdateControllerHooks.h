@@ -1,11 +1,30 @@
 #pragma once
 
 #include <functional>
+#include <vector>
 
-#include "platform/simulated/SimulatedUpdateController.h"
+#include "platform/String.h"
+#include "platform/UpdateController.h"
+#include "platform/XCode.h"
 
-// Test hooks of the simulated update controller.
+// Test hooks of the simulated update controller: taking its calls over, and reporting for an
+// upgrade that a test runs.
 namespace UpdateController {
+
+// One PERFORM_UPGRADE_IMAGE_JOB call as the caller made it.
+struct Request {
+    String action;
+    std::vector<String> files;
+    String arg3;
+    String user;
+    String password;
+    String auth1;
+    String auth2;
+    String auth3;
+    String caller;
+    bool withCredentials = false;  // the long form
+    CallbackHandler* handler = nullptr;
+};
 
 // Test hook: a set interceptor takes every later call instead of the simulated controller, after
 // the check for the caller's event loop and before any other check. Its error is the call's
