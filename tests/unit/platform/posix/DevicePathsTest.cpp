@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
-#include "DeviceTestSupport.h"
 #include "support/TempDir.h"
+#include "unit/platform/DeviceTestSupport.h"
 
 namespace {
 

@@ -2,10 +2,10 @@
 
 #include <thread>
 
-#include "DeviceTestSupport.h"
 #include "platform/simulated/DeviceDirectory.h"
 #include "platform/simulated/SimulatedStatusDb.h"
 #include "platform/testing/StatusDbHooks.h"
+#include "unit/platform/DeviceTestSupport.h"
 
 namespace {
 

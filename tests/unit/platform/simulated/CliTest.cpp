@@ -4,10 +4,10 @@
 #include <ostream>
 #include <vector>
 
-#include "DeviceTestSupport.h"
 #include "platform/simulated/DeviceDirectory.h"
 #include "platform/simulated/SimulatedCmdExec.h"
 #include "support/RejectedCommands.h"
+#include "unit/platform/DeviceTestSupport.h"
 
 namespace {
 

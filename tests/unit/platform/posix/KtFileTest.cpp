@@ -6,8 +6,8 @@
 
 #include <cerrno>
 
-#include "DeviceTestSupport.h"
 #include "platform/simulated/DeviceDirectory.h"
+#include "unit/platform/DeviceTestSupport.h"
 
 namespace {
 

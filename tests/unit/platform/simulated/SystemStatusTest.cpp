@@ -2,9 +2,9 @@
 
 #include <vector>
 
-#include "DeviceTestSupport.h"
 #include "platform/simulated/DeviceDirectory.h"
 #include "platform/simulated/SimulatedSystemStatus.h"
+#include "unit/platform/DeviceTestSupport.h"
 
 namespace {
 
