@@ -4,11 +4,14 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 namespace provtest {
 
@@ -68,6 +71,21 @@ void TftpServer::put(const std::string& name, const std::string& content) const 
 
 std::string TftpServer::read(const std::string& name) const {
     return readFile(root_ + "/" + name);
+}
+
+std::string TftpServer::received(const std::string& name, std::size_t size) const {
+    return readUpload(root_ + "/" + name, size);
+}
+
+std::string readUpload(const std::string& path, std::size_t size) {
+    const auto deadline = std::chrono::steady_clock::now() + DEFAULT_DEADLINE;
+    struct stat status {};
+    while (
+        std::chrono::steady_clock::now() < deadline &&
+        !(::stat(path.c_str(), &status) == 0 && static_cast<std::size_t>(status.st_size) >= size)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return fileExists(path) ? readFile(path) : std::string();
 }
 
 bool TftpServer::exists(const std::string& name) const {

@@ -39,6 +39,8 @@ class TftpServer {
     // Writes a file into the served directory (parents created).
     void put(const std::string& name, const std::string& content) const;
     std::string read(const std::string& name) const;
+    // An uploaded file, read once it holds `size` bytes (see readUpload).
+    std::string received(const std::string& name, std::size_t size) const;
     bool exists(const std::string& name) const;
     // The daemon's standard error.
     std::string log() const;
@@ -51,6 +53,11 @@ class TftpServer {
     unsigned int port_ = 0;
     ServerProcess process_;
 };
+
+// An uploaded file once it holds `size` bytes, or as it is after DEFAULT_DEADLINE; empty when it
+// does not exist. tftpd-hpa acknowledges the last block before it closes the file, and only the
+// close writes out its buffered bytes: the client can be through while the file is still short.
+std::string readUpload(const std::string& path, std::size_t size);
 
 // Sends a read request for `name` to 127.0.0.1:port (::1 when `ipv6`) and waits for the first
 // packet that comes back (DATA or ERROR), resending the request every 200 ms until the deadline.

@@ -1,7 +1,9 @@
 // The location walk against a real tftpd-hpa with BusyBox's tftp client.
 #include <gtest/gtest.h>
+
 #include <unistd.h>
 
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -222,7 +224,7 @@ TEST_F(LocationWalkTest, uploadSendsTheStartupConfiguration) {
     ASSERT_TRUE(job.execute().isSuccess());
     ASSERT_TRUE(runToEnd());
     ASSERT_TRUE(handler.results[0].isSuccess()) << prov.dump();
-    EXPECT_EQ(server.read((unique + "-up.cfg").str()), VALID_CONFIG);
+    EXPECT_EQ(server.received((unique + "-up.cfg").str(), std::strlen(VALID_CONFIG)), VALID_CONFIG);
     EXPECT_GE(prov.indexOf("[up] Starting TFTP upload"), 0);
     EXPECT_GE(prov.indexOf("[up]   From: /tmp/provisioning/file"), 0);
     EXPECT_GE(prov.indexOf(("[up]   To:   " + target).str()), 0);

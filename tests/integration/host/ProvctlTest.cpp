@@ -444,7 +444,7 @@ TEST_F(ProvctlTftpTest, uploadPutsTheStartupConfigurationOnTheServer) {
     Outcome run = provctl({"upload", "--device", device(), url(name)});
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(lastLine(run.out), "result: OK");
-    EXPECT_EQ(server_.read(name), VALID_CONFIG);
+    EXPECT_EQ(server_.received(name, std::string(VALID_CONFIG).size()), VALID_CONFIG);
 }
 
 TEST_F(ProvctlTftpTest, uploadWithoutStartupConfigurationFails) {

@@ -59,7 +59,7 @@ TEST(TftpServerTest, acceptsAnUploadFromBusyboxTftp) {
     CommandResult result = tftp("-p", local.file("startup"), "uploaded.cfg", server.port());
 
     EXPECT_EQ(0, result.exitStatus) << result.output;
-    EXPECT_EQ("interface eth0\n", server.read("uploaded.cfg"));
+    EXPECT_EQ("interface eth0\n", server.received("uploaded.cfg", 15));
 }
 
 TEST(TftpServerTest, missingFileMakesBusyboxTftpFail) {
@@ -126,7 +126,7 @@ TEST(TftpServerTest, servesBusyboxTftpOnIpv6Loopback) {
     EXPECT_EQ(0, bare.exitStatus) << bare.output;
     EXPECT_EQ("six\n", readFile(local.file("2")));
     EXPECT_EQ(0, upload.exitStatus) << upload.output;
-    EXPECT_EQ("up\n", server.read("up.cfg"));
+    EXPECT_EQ("up\n", server.received("up.cfg", 3));
 }
 
 // --- lighttpd over HTTP ---

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "platform/posix/FileNodeCaps.h"
+#include "support/Process.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -76,6 +77,19 @@ TEST_F(FileNodeTest, inspectTellsEveryKind) {
     ASSERT_TRUE(FileNode::INSPECT(at("plain"), info).isSuccess());
     EXPECT_TRUE(FileNode::IS_PLAIN_FILE(info));
     EXPECT_EQ(info.size, 1u);
+}
+
+// A 32-bit build with 32-bit file offsets would fail here with EOVERFLOW.
+TEST_F(FileNodeTest, inspectGivesTheSizeOfAFileOverFourGibibytes) {
+    const unsigned long long size = 5ULL << 30;
+    ASSERT_EQ(
+        provtest::runCommand({"/usr/bin/truncate", "-s", std::to_string(size), work.file("image")})
+            .exitStatus,
+        0);
+    FileNode::Info info;
+    ASSERT_TRUE(FileNode::INSPECT(at("image"), info).isSuccess());
+    EXPECT_TRUE(FileNode::IS_PLAIN_FILE(info));
+    EXPECT_EQ(info.size, size);
 }
 
 TEST_F(FileNodeTest, removingALinkLeavesItsTarget) {
