@@ -116,4 +116,8 @@ function(prov_layer name layer)
     add_library(${name} OBJECT ${sources})
     target_include_directories(${name} PRIVATE ${PROV_ROOT_${layer}})
     target_link_libraries(${name} PRIVATE Threads::Threads prov_warnings)
+    # The contract's definitions (64-bit file offsets) shape its types: every layer compiles with
+    # them, as every user of the installed headers does.
+    target_compile_definitions(${name} PRIVATE
+        $<TARGET_PROPERTY:prov_contract,INTERFACE_COMPILE_DEFINITIONS>)
 endfunction()
