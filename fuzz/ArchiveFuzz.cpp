@@ -27,9 +27,9 @@
 
 #include "expression/ExpressionResolver.h"
 #include "jobs/upgrade/FirmwareProvisioningJob.h"
-#include "platform/Device.h"
 #include "platform/FileNode.h"
 #include "platform/KtEventLoop.h"
+#include "platform/simulated/DeviceDirectory.h"
 #include "transfer/ProvisioningCredentials.h"
 
 namespace {

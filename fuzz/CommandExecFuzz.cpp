@@ -25,8 +25,9 @@
 #include <vector>
 
 #include "platform/Cli.h"
-#include "platform/Device.h"
 #include "platform/Monitor.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/simulated/SimulatedCmdExec.h"
 
 namespace {
 

@@ -21,11 +21,13 @@
 #include "host/StderrMonitors.h"
 #include "host/StopSignals.h"
 #include "platform/Cli.h"
-#include "platform/Device.h"
-#include "platform/PrivateFile.h"
 #include "platform/Shell.h"
-#include "platform/SimulatedSystemStatus.h"
 #include "platform/SystemStatus.h"
+#include "platform/posix/PrivateFile.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/simulated/SimulatedCmdExec.h"
+#include "platform/simulated/SimulatedSystemStatus.h"
 
 namespace Provctl {
 
@@ -255,7 +257,7 @@ int RUN_DEMO(const DemoOptions& options) {
     });
     DRIVER::INSTANCE().registerInterface(DID_SystemStatus(), "provctl",
                                          std::make_shared<SimulatedSystemStatus>());
-    Kt::Shell::SET_TOOL("tftp", {"busybox", "tftp"});
+    Kt::ShellControl::SET_TOOL("tftp", {"busybox", "tftp"});
     struct DriverBack {
         ~DriverBack() { DRIVER::INSTANCE().unregisterAll(); }
     } driverBack;

@@ -5,10 +5,10 @@
 #include <string>
 
 #include "host/Files.h"
-#include "platform/Device.h"
 #include "platform/KtFile.h"
 #include "platform/Shell.h"
-#include "platform/SlotState.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/simulated/SlotState.h"
 
 namespace Provctl {
 

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "platform/PrivateFile.h"
+#include "platform/posix/PrivateFile.h"
 
 namespace Provctl {
 

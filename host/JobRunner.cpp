@@ -10,8 +10,9 @@
 #include "jobs/content/WizardProvisioningJob.h"
 #include "jobs/upgrade/FirmwareProvisioningJob.h"
 #include "jobs/upgrade/ScriptProvisioningJob.h"
-#include "platform/SlotState.h"
 #include "platform/StatusDb.h"
+#include "platform/simulated/SimulatedStatusDb.h"
+#include "platform/simulated/SlotState.h"
 
 namespace Provctl {
 
@@ -39,7 +40,7 @@ class Handler : public ProvisioningJob::CallbackHandler {
 
 String statusLocation() {
     DB::Ptr<DB::SystemProvisioningStatusRecord> record =
-        DB::Table::SystemProvisioningStatus::RECORD();
+        DB::Table::SimulatedProvisioningStatus::RECORD();
     return record ? record->location.get() : String();
 }
 

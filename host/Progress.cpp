@@ -7,8 +7,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include "platform/Device.h"
 #include "platform/Monitor.h"
+#include "platform/simulated/DeviceDirectory.h"
 
 namespace Provctl {
 

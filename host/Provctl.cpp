@@ -14,11 +14,13 @@
 #include "host/StopSignals.h"
 #include "jobs/upgrade/ScriptProvisioningJob.h"
 #include "platform/Cli.h"
-#include "platform/Device.h"
 #include "platform/Monitor.h"
 #include "platform/Shell.h"
-#include "platform/SimulatedSystemStatus.h"
 #include "platform/SystemStatus.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/simulated/SimulatedCmdExec.h"
+#include "platform/simulated/SimulatedSystemStatus.h"
 
 namespace Provctl {
 
@@ -158,7 +160,7 @@ int runJob(const Options& options) {
     StderrMonitors monitors(options.level, observer);
     DRIVER::INSTANCE().registerInterface(DID_SystemStatus(), "provctl",
                                          std::make_shared<SimulatedSystemStatus>());
-    Kt::Shell::SET_TOOL("tftp", {"busybox", "tftp"});
+    Kt::ShellControl::SET_TOOL("tftp", {"busybox", "tftp"});
 
     INSTALL_STOP_SIGNALS();
     JobOutcome outcome;
@@ -168,7 +170,7 @@ int runJob(const Options& options) {
     }
     if (outcome.interrupted) {
         // The cancelled job has reaped its own child; nothing else of ours may outlive us.
-        static_cast<void>(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, WAIT_FOR_CHILDREN));
+        static_cast<void>(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, WAIT_FOR_CHILDREN));
     }
 
     if (isUpgradeJob(request.kind) && !outcome.interrupted) {

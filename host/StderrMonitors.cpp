@@ -6,6 +6,8 @@
 #include "host/Progress.h"
 #include "platform/Shell.h"
 #include "platform/UpdateController.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/simulated/SimulatedUpdateController.h"
 
 namespace Provctl {
 
@@ -43,7 +45,7 @@ StderrMonitors::StderrMonitors(int level, Observer observer)
 StderrMonitors::~StderrMonitors() {
     // The update controller's workers log on the event monitor: they end before it goes. A
     // cancelled upgrade ends after its current step, which the shell's deadline bounds.
-    static_cast<void>(UpdateController::WAIT_IDLE(Kt::Shell::COMMAND_DEADLINE() + GRACE));
+    static_cast<void>(UpdateController::WAIT_IDLE(Kt::ShellControl::COMMAND_DEADLINE() + GRACE));
     MON_PROV = nullptr;
     MON_XFER = nullptr;
     MON_EVENT = nullptr;

@@ -2,11 +2,11 @@
 
 #include <vector>
 
-#include "Monitor.h"
-#include "String.h"
-#include "XCode.h"
+#include "platform/Monitor.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
 
-// The device's configuration store: named configurations in the device directory's config/.
+// The device's configuration store: named configurations.
 namespace CLI {
 
 String GET_STARTUP_CONFIGURATION_NAME();  // "startup-config"
@@ -17,8 +17,7 @@ String GET_STARTUP_CONFIGURATION_NAME();  // "startup-config"
 
 }  // namespace CLI
 
-// The running system: a configuration text applied command by command. The simulated system
-// appends what it executed to the device directory's running-config.
+// The running system: a configuration text applied command by command.
 namespace CmdExec {
 
 // Runs every line that is not blank and not a comment ("!" or "#" after any indentation). A line
@@ -32,11 +31,5 @@ namespace CmdExec {
 // returned. running-config is appended to only when no line was refused.
 [[nodiscard]] XCode EXECUTE(const String& commands, bool stopOnError, RTD::Monitor* monitor,
                             int flags);
-
-// The commands that the simulated system refuses, to make an execution fail on purpose: glob
-// patterns (fnmatch, no flags) matched against a line without its indentation and trailing
-// blanks, sub-commands included. Empty until set; the host sets them from the device file, tests
-// reset them with an empty list. Thread-safe; an execution uses the list of its start.
-void SET_REJECTED_COMMANDS(std::vector<String> patterns);
 
 }  // namespace CmdExec

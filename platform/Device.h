@@ -1,49 +1,14 @@
 #pragma once
 
-#include "String.h"
-#include "XCode.h"
+#include "platform/XCode.h"
 
-// Where the simulated device lives on this host. The engine keeps the device's own paths
-// ("/flash/dialplan/x", "/tmp/provisioning/x"); the platform maps them into the device directory
-// chosen by the host, so that simulated devices never share a work directory:
-//   /flash/...             -> <root>/flash/...
-//   /tmp/provisioning/...  -> <root>/tmp/provisioning/...
-// Without a root (a real device) both are the real directories.
-// Thread-safe: the host sets the root once at start; the getters may run on any thread.
+// The device's own directories, as the engine names them ("/flash/...", "/tmp/provisioning/...").
+// Thread-safe.
 namespace Device {
 
-void SET_ROOT(const String& directory);
-// A reference that stays valid for the life of the process, also after a later SET_ROOT.
-const String& ROOT();
-// The host path for a device path: mapped for "/flash" and "/tmp/provisioning" paths (the exact
-// directory or below it), unchanged otherwise. A mapped path is normalised ("." and ".."
-// resolved, repeated slashes folded) and can never leave its directory: a ".." at the top stays
-// there.
-String MAP_PATH(const String& devicePath);
-// As MAP_PATH, but a path whose ".." would climb out is refused with "PATH LEAVES FLASH: <path>"
-// or "PATH LEAVES THE WORK DIRECTORY: <path>", and a work-directory path is refused while
-// CHECK_WORK_DIRECTORY() refuses the directory (`hostPath` is then left as it was). Every direct
-// use of a device path on the host goes through here.
-[[nodiscard]] XCode MAP_PATH_CHECKED(const String& devicePath, String& hostPath);
-// True for the device paths that MAP_PATH maps.
-bool IS_MAPPED_PATH(const String& devicePath);
 // The work directory (mapped) is used only when it is a directory, not a symbolic link (lstat),
 // owned by the effective user and writable by nobody else; otherwise "UNSAFE WORK DIRECTORY
 // <host path>: <reason>" (symbolic link, not a directory, owned by uid N, mode 0NNN).
 [[nodiscard]] XCode CHECK_WORK_DIRECTORY();
-// A symbolic link at a flash path or at any directory between <root>/flash and it (lstat, from
-// flash down) is refused with "<what> <device path>: symbolic link" (errno ELOOP): nothing in
-// flash is read, replaced or removed through a link. Success for any other path, and where the
-// walk meets a name that does not exist.
-[[nodiscard]] XCode REFUSE_FLASH_LINKS(const String& devicePath, const char* what);
-// Creates the directories that a device has from the start ("/flash", "/flash/dialplan",
-// "/flash/preferences", "/flash/wizard", "/flash/provisioning", "config", "slots", "status", mode
-// 0755) and its work directory <root>/tmp/provisioning, mode 0700 (an existing work directory
-// keeps its mode and owner, and is judged at use). Idempotent.
-[[nodiscard]] XCode PREPARE();
-// Creates a host directory and its missing parents with mode 0755 (regardless of the umask); an
-// existing directory is success and keeps its mode, an existing non-directory is an error
-// ("CANNOT CREATE DIRECTORY <path>: Not a directory").
-[[nodiscard]] XCode MAKE_DIRECTORIES(const String& hostPath);
 
 }  // namespace Device

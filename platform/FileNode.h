@@ -2,8 +2,8 @@
 
 #include <cstddef>
 
-#include "String.h"
-#include "XCode.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
 
 // What lies at a path of the work directory, looked at and removed without ever following a
 // symbolic link, and read only when it is a plain file of bounded size. A tool run by the engine
@@ -58,18 +58,15 @@ bool IS_TOO_LARGE(const XCode& result);
 // True for the refusal of READ_CAPPED of a node that is not a plain file.
 bool IS_REFUSED(const XCode& result);
 
-// Caps on what is read from, or extracted into, the work directory. Platform settings, set by
-// the host or a test before jobs run.
+// Caps on what is read from, or extracted into, the work directory.
 // A manifest, extracted from an archive or downloaded, holds a handful of "key=value" lines, a
 // few hundred bytes: 64 KiB leaves two orders of magnitude of room and still keeps a size bomb
 // out of memory and off the monitors. Also the file-size limit of the extracting tar.
 constexpr std::size_t DEFAULT_MANIFEST_CAP = 64 * 1024;
 std::size_t MANIFEST_CAP();
-void SET_MANIFEST_CAP(std::size_t bytes);
 // A configuration, dial plan, key or wizard file: the largest real configurations are a few
 // hundred KiB; 16 MiB is far above any of them and far below the memory of the device.
 constexpr std::size_t DEFAULT_CONTENT_CAP = 16 * 1024 * 1024;
 std::size_t CONTENT_CAP();
-void SET_CONTENT_CAP(std::size_t bytes);
 
 }  // namespace FileNode

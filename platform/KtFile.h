@@ -2,14 +2,14 @@
 
 #include <sys/types.h>
 
-#include "String.h"
-#include "XCode.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
 
 struct stat;
 
 // A file of the device. Device paths under "/flash/" are mapped into the device directory
-// (see Device.h); every other path is used as it is. A mapped flash path that climbs out of
-// flash with ".." is refused by open() and remove() ("PATH LEAVES FLASH: <path>").
+// (on a host, see posix/DevicePaths.h); every other path is used as it is. A mapped flash path that
+// climbs out of flash with ".." is refused by open() and remove() ("PATH LEAVES FLASH: <path>").
 // Errors carry the errno as XCode::fromErrno and a message that names the device path,
 // "CANNOT OPEN /flash/x: Permission denied". A symbolic link in flash (at the path or at a
 // directory on the way) is never read, replaced or removed through: "CANNOT OPEN /flash/x:

@@ -7,7 +7,7 @@
 #include <tuple>
 #include <utility>
 
-#include "KtEventLoop.h"
+#include "platform/KtEventLoop.h"
 
 namespace Kt {
 

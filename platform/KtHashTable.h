@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "String.h"
+#include "platform/String.h"
 
 struct StringHash {
     // h = h XOR (byte XOR (h << 5)) over the unsigned bytes, starting from 0.
@@ -75,4 +75,4 @@ class KtHashTable {
 template <typename V>
 using KtStringHashTable = KtHashTable<String, V, StringHash, StringCompare>;
 
-#include "KtHashTable.inl"
+#include "platform/KtHashTable.inl"

@@ -4,7 +4,7 @@
 #include <deque>
 #include <initializer_list>
 
-#include "XCode.h"
+#include "platform/XCode.h"
 
 // Ordered list. The job's locations are popped from the front; redirect targets go to the front.
 template <typename T>

@@ -3,8 +3,8 @@
 #include <map>
 #include <vector>
 
-#include "String.h"
-#include "XCode.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
 
 // One entry of a manifest: its key/value parameters.
 class KtManifestEntry {

@@ -3,7 +3,7 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "XCode.h"
+#include "platform/XCode.h"
 
 class KtSemaphore {
   public:

@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-#include "XCode.h"
+#include "platform/XCode.h"
 
 // The management layer's lock that guards the device values while expressions are resolved.
 class KtEventSync {

@@ -4,7 +4,7 @@
 #include <functional>
 #include <mutex>
 
-#include "String.h"
+#include "platform/String.h"
 
 namespace RTD {
 

@@ -5,9 +5,9 @@
 #include <memory>
 #include <vector>
 
-#include "KtFunction.h"
-#include "String.h"
-#include "XCode.h"
+#include "platform/KtFunction.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
 
 namespace Kt {
 
@@ -54,11 +54,11 @@ void Future<String>::abandonAndReap();
 // directly. Program names without a slash are looked up, after the tool map below, in the system
 // directories only (the caller's PATH is never searched), once per name. Every tool runs with a
 // fixed environment of the platform's (PATH of the system directories, LC_ALL=C), none of the
-// caller's, and every command has a deadline (SET_COMMAND_DEADLINE).
+// caller's, and every command has a deadline.
 // Arguments that are device paths of flash or of the work directory (a whole word, or the value
-// of a "--name=value" word) are mapped to their host paths (Device::MAP_PATH_CHECKED) just before
-// the program starts, except the value of tftp's "-r" (a name on the server); a path that the
-// mapping refuses (an unsafe work directory, a ".." out of flash) means the command cannot start.
+// of a "--name=value" word) are mapped to where the device keeps them just before the program
+// starts, except the value of tftp's "-r" (a name on the server); a path that the mapping refuses
+// (an unsafe work directory, a ".." out of flash) means the command cannot start.
 class Shell {
   public:
     using ResultCallback = Function<void(XCode, String)>;
@@ -94,26 +94,6 @@ class Shell {
                                        const Limits& limits);
 
     static std::vector<String> SPLIT_WORDS(const String& commandLine);
-
-    // How long a command may run, from its start to its end: a child still running then is
-    // ended (SIGTERM to its process group, SIGKILL after a grace period) and reaped, and its
-    // result is the deadline failure. Applies to commands started afterwards. Thread-safe.
-    // The default, DEFAULT_COMMAND_DEADLINE, lets a 256 MiB image arrive over a link of about
-    // 300 kbit/s; a deadline is clamped to [1 ms, 30 days].
-    static void SET_COMMAND_DEADLINE(std::chrono::milliseconds deadline);
-    static std::chrono::milliseconds COMMAND_DEADLINE();
-    static constexpr std::chrono::milliseconds DEFAULT_COMMAND_DEADLINE{2 * 60 * 60 * 1000};
-
-    // Program names that the device knows under another name on this host: "tftp" runs the
-    // BusyBox applet, for instance. Set by the host; thread-safe. An empty prefix makes the name
-    // run as itself again.
-    static void SET_TOOL(const String& name, const std::vector<String>& replacementPrefix);
-    static std::vector<String> RESOLVE_TOOL(const std::vector<String>& words);
-    // Number of commands started and not yet reaped (for tests and benchmarks).
-    static std::size_t RUNNING_COMMANDS();
-    // Blocks until at most `count` commands are left unreaped; false when the timeout passed
-    // first. An abandoned command has closed its descriptors by the time it counts as reaped.
-    static bool WAIT_FOR_RUNNING_COMMANDS(std::size_t count, std::chrono::milliseconds timeout);
 };
 
 }  // namespace Kt

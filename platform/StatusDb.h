@@ -3,12 +3,11 @@
 #include <memory>
 #include <mutex>
 
-#include "String.h"
-#include "XCode.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
 
 // The slice of the device's configuration database that provisioning writes: the provisioning
-// status record and its location field. The simulated database keeps the record in memory and
-// mirrors the location into the device directory's "status/provisioning-location".
+// status record and its location field.
 namespace DB {
 
 // A string field of a record. Thread-safe.
@@ -55,11 +54,6 @@ class SystemProvisioningStatus {
     [[nodiscard]] static XCode find(const Cfg::QueryAllByKey::Key& key,
                                     Ptr<SystemProvisioningStatusRecord>& record);
     // The lookup's error: "NO STATUS RECORD FOR KEY (<t>, <s>)".
-    // Test and host controls of the simulated database.
-    static void SET_AVAILABLE(bool available);
-    static Ptr<SystemProvisioningStatusRecord> RECORD();
-    // A fresh record (empty location) and the database available again.
-    static void RESET();
 };
 
 }  // namespace Table

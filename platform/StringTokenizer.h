@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "String.h"
+#include "platform/String.h"
 
 // Splits a text on a set of delimiter characters ("\r\n" splits on either). Pieces between two
 // adjacent delimiters are empty tokens and are kept, so "a\r\nb" gives "a", "", "b" with the

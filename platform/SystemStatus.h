@@ -4,8 +4,8 @@
 #include <memory>
 #include <mutex>
 
-#include "String.h"
-#include "XCode.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
 
 // The device's driver repository and its system-status interface (busy flags per subsystem).
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "String.h"
-#include "XCode.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
 
 namespace UriUtil {
 

@@ -2,8 +2,8 @@
 
 #include <vector>
 
-#include "String.h"
-#include "XCode.h"
+#include "platform/String.h"
+#include "platform/XCode.h"
 
 namespace WgetUtil {
 

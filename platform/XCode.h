@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "String.h"
+#include "platform/String.h"
 
 using XCodeValue = std::uint32_t;
 

@@ -1,3 +1,6 @@
+// ProvisioningJob's HTTP members: downloads through ProvisioningHttpClient. They are compiled
+// into the engine's layer (tools/layers.txt); this folder keeps every way a file travels.
+
 #include <algorithm>
 
 #include "engine/Monitors.h"

@@ -10,6 +10,8 @@
 #include "Measure.h"
 #include "Sections.h"
 #include "platform/Shell.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/testing/ShellHooks.h"
 #include "support/HttpServer.h"
 
 namespace suite {
@@ -23,7 +25,8 @@ struct Resources {
     std::size_t commands = 0;
 
     static Resources NOW() {
-        return {OPEN_DESCRIPTORS(), THREADS(), CHILD_PROCESSES(), Kt::Shell::RUNNING_COMMANDS()};
+        return {OPEN_DESCRIPTORS(), THREADS(), CHILD_PROCESSES(),
+                Kt::ShellHooks::RUNNING_COMMANDS()};
     }
     std::string describe() const {
         return "descriptors " + std::to_string(descriptors) + ", threads " +
@@ -121,7 +124,7 @@ int RUN_CONCURRENCY(const Options& options, Recorder& recorder) {
             REMOVE("/tmp/provisioning/" + fileName(i));
         }
         // Reaping is the reactor's; once it has reaped everything nothing may be left over.
-        Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, std::chrono::seconds(10));
+        Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, std::chrono::seconds(10));
         Resources after = Resources::NOW();
         if (!(after == baseline)) {
             resourcesBack = false;

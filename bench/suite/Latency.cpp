@@ -14,6 +14,7 @@
 #include "Measure.h"
 #include "Sections.h"
 #include "platform/Shell.h"
+#include "platform/posix/ShellControl.h"
 #include "support/TempDir.h"
 
 namespace suite {
@@ -59,7 +60,7 @@ int RUN_LATENCY(const Options& options, Recorder& recorder) {
                          {name + " | both", "us", {}},
                          {name + " | loop thread sleeps per job", "", {}},
                          {name + " | reactor thread sleeps per job", "", {}}});
-        Kt::Shell::SET_TOOL(tool, {options.stampTool.c_str(), stampFile.c_str(), tool});
+        Kt::ShellControl::SET_TOOL(tool, {options.stampTool.c_str(), stampFile.c_str(), tool});
     }
     Series floorStart{"spawn floor | start", "us", {}};
     Series floorEnd{"spawn floor | end", "us", {}};
@@ -116,8 +117,8 @@ int RUN_LATENCY(const Options& options, Recorder& recorder) {
         recorder.series(kind.loopSleeps);
         recorder.series(kind.reactorSleeps);
     }
-    Kt::Shell::SET_TOOL("tftp", {"busybox", "tftp"});
-    Kt::Shell::SET_TOOL("wget", {});
+    Kt::ShellControl::SET_TOOL("tftp", {"busybox", "tftp"});
+    Kt::ShellControl::SET_TOOL("wget", {});
     REMOVE(stampFile);
     return failures == 0 ? 0 : 1;
 }

@@ -20,7 +20,7 @@
 
 #include "Measure.h"
 #include "Sections.h"
-#include "platform/Device.h"
+#include "platform/simulated/DeviceDirectory.h"
 
 namespace {
 

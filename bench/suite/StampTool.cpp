@@ -1,4 +1,5 @@
-// Stands in for `tftp` or `wget` in the latency section (put first with Kt::Shell::SET_TOOL):
+// Stands in for `tftp` or `wget` in the latency section (put first with
+// Kt::ShellControl::SET_TOOL):
 //   bench_stamp_tool STAMP-FILE tftp|wget [the tool's own arguments...]
 // Takes CLOCK_MONOTONIC as its first act and again as its last before exiting, and writes both
 // (nanoseconds) to STAMP-FILE. As `wget` it prints the status line wget -S prints for a 200, so

@@ -10,9 +10,10 @@
 
 #include "engine/Monitors.h"
 #include "jobs/content/ConfigProvisioningJob.h"
-#include "platform/Device.h"
 #include "platform/KtEventLoop.h"
 #include "platform/Shell.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/simulated/DeviceDirectory.h"
 
 namespace {
 
@@ -52,7 +53,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     // The device's tftp is BusyBox's applet on this host.
-    Kt::Shell::SET_TOOL("tftp", {"busybox", "tftp"});
+    Kt::ShellControl::SET_TOOL("tftp", {"busybox", "tftp"});
 
     RTD::Monitor prov("PROV", 6, printLine);
     RTD::Monitor xfer("XFER", 6, printLine);

@@ -5,6 +5,7 @@
 
 #include "platform/Cli.h"
 #include "platform/String.h"
+#include "platform/simulated/SimulatedCmdExec.h"
 
 namespace provtest {
 

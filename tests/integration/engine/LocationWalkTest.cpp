@@ -11,8 +11,12 @@
 #include "jobs/content/ConfigProvisioningJob.h"
 #include "jobs/content/UploadProvisioningJob.h"
 #include "platform/Cli.h"
-#include "platform/Device.h"
 #include "platform/StatusDb.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/simulated/SimulatedStatusDb.h"
+#include "platform/testing/ShellHooks.h"
+#include "platform/testing/StatusDbHooks.h"
 #include "support/CaptureMonitor.h"
 #include "support/TempDir.h"
 #include "support/TftpServer.h"
@@ -54,7 +58,7 @@ class LocationWalkTest : public ::testing::Test {
         ASSERT_TRUE(server.start());
         Device::SET_ROOT(device.path().c_str());
         ASSERT_TRUE(Device::PREPARE().isSuccess());
-        DB::Table::SystemProvisioningStatus::RESET();
+        DB::Table::ProvisioningStatusHooks::RESET();
         MON_PROV = &prov;
         MON_XFER = &xfer;
         // Unique per test: the work directory is shared by everything on this host.
@@ -89,7 +93,7 @@ TEST_F(LocationWalkTest, configurationIsDownloadedAndStored) {
     ConfigProvisioningJob job(loop, "cfg", ProvisioningJob::None, false, {location(file)},
                               credentials, resolver, handler);
     ASSERT_TRUE(job.execute().isSuccess());
-    EXPECT_EQ(DB::Table::SystemProvisioningStatus::RECORD()->location.get(), location(file));
+    EXPECT_EQ(DB::Table::SimulatedProvisioningStatus::RECORD()->location.get(), location(file));
     ASSERT_TRUE(runToEnd()) << prov.dump();
     ASSERT_EQ(handler.results.size(), 1u);
     EXPECT_TRUE(handler.results[0].isSuccess()) << handler.results[0].toString().c_str();
@@ -207,7 +211,7 @@ TEST_F(LocationWalkTest, uploadRetryGoesBackToTheLocationThatFailed) {
     EXPECT_EQ(prov.count(("[up] DOWNLOAD LOCATION FAILED: " + first).str()), 2);
     EXPECT_FALSE(server.exists((unique + "-second.cfg").str()));
     // The status record shows the source name, not the target.
-    EXPECT_EQ(DB::Table::SystemProvisioningStatus::RECORD()->location.get(), "startup-config");
+    EXPECT_EQ(DB::Table::SimulatedProvisioningStatus::RECORD()->location.get(), "startup-config");
 }
 
 TEST_F(LocationWalkTest, uploadSendsTheStartupConfiguration) {
@@ -326,9 +330,9 @@ TEST_F(LocationWalkTest, destroyedJobGetsNoCallbackAndLeavesNoChild) {
             {String::format("tftp://127.0.0.1:%u/%s", silent.port(), file.c_str())}, credentials,
             resolver, handler);
         ASSERT_TRUE(job.execute().isSuccess());
-        ASSERT_EQ(Kt::Shell::RUNNING_COMMANDS(), 1u);
+        ASSERT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 1u);
     }
-    EXPECT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, 10s));
+    EXPECT_TRUE(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, 10s));
     loop.runUntil([] { return false; }, 300ms);
     EXPECT_TRUE(handler.results.empty());
     unlink(Device::MAP_PATH("/tmp/provisioning/" + file).c_str());

@@ -26,11 +26,15 @@
 #include "jobs/content/ConfigProvisioningJob.h"
 #include "jobs/upgrade/FirmwareProvisioningJob.h"
 #include "jobs/upgrade/ScriptProvisioningJob.h"
-#include "platform/Device.h"
 #include "platform/FileNode.h"
 #include "platform/Shell.h"
 #include "platform/StatusDb.h"
 #include "platform/UpdateController.h"
+#include "platform/posix/FileNodeCaps.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/simulated/SimulatedUpdateController.h"
+#include "platform/testing/StatusDbHooks.h"
 #include "support/CaptureMonitor.h"
 #include "support/TempDir.h"
 #include "support/TftpServer.h"
@@ -85,8 +89,8 @@ class ArchiveTest : public ::testing::Test {
     void SetUp() override {
         Device::SET_ROOT(device.path().c_str());
         ASSERT_TRUE(Device::PREPARE().isSuccess());
-        DB::Table::SystemProvisioningStatus::RESET();
-        Kt::Shell::SET_TOOL("tftp", {"busybox", "tftp"});
+        DB::Table::ProvisioningStatusHooks::RESET();
+        Kt::ShellControl::SET_TOOL("tftp", {"busybox", "tftp"});
         MON_PROV = &prov;
         MON_XFER = &xfer;
         MON_EVENT = &event;

@@ -10,6 +10,7 @@
 #include "jobs/content/ConfigProvisioningJob.h"
 #include "jobs/upgrade/FirmwareProvisioningJob.h"
 #include "platform/UpdateController.h"
+#include "platform/simulated/SimulatedUpdateController.h"
 #include "support/Certificates.h"
 #include "support/FixtureServer.h"
 #include "support/HttpServer.h"

@@ -7,6 +7,8 @@
 #include "integration/hardening/HardeningSupport.h"
 #include "integration/hardening/StallSupport.h"
 #include "jobs/content/ConfigProvisioningJob.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/testing/ShellHooks.h"
 
 namespace {
 
@@ -17,10 +19,10 @@ class DeadlineTest : public DeviceTest {
   protected:
     void SetUp() override {
         DeviceTest::SetUp();
-        Kt::Shell::SET_COMMAND_DEADLINE(2s);
+        Kt::ShellControl::SET_COMMAND_DEADLINE(2s);
     }
     void TearDown() override {
-        Kt::Shell::SET_COMMAND_DEADLINE(Kt::Shell::DEFAULT_COMMAND_DEADLINE);
+        Kt::ShellControl::SET_COMMAND_DEADLINE(Kt::ShellControl::DEFAULT_COMMAND_DEADLINE);
         DeviceTest::TearDown();
     }
 
@@ -31,8 +33,8 @@ class DeadlineTest : public DeviceTest {
         EXPECT_NE(told().getString().str().find(expected), std::string::npos)
             << told().toString().c_str();
         EXPECT_TRUE(prov.contains("DOWNLOAD LOCATION FAILED")) << prov.dump();
-        EXPECT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, 10s));
-        EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0U);
+        EXPECT_TRUE(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, 10s));
+        EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 0U);
         EXPECT_TRUE(processesMentioning(name).empty()) << describe(processesMentioning(name));
         EXPECT_FALSE(
             provtest::fileExists(Device::MAP_PATH(String(workFileOf(name).c_str())).str()));
@@ -70,7 +72,7 @@ TEST_F(DeadlineTest, synchronousCommandIsEndedAtTheDeadline) {
     XCode result = Kt::Shell::execute(("sleep " + duration).c_str(), &output);
     EXPECT_EQ(result.getFamily(), XCode::DEADLINE_FAMILY) << result.toString().c_str();
     EXPECT_EQ(result.getString(), "sleep DID NOT FINISH WITHIN 2 SECONDS");
-    EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0U);
+    EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 0U);
     EXPECT_TRUE(processesMentioning(duration).empty()) << describe(processesMentioning(duration));
 }
 

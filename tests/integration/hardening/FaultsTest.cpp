@@ -13,6 +13,8 @@
 #include "jobs/content/ConfigProvisioningJob.h"
 #include "jobs/content/KeyProvisioningJob.h"
 #include "jobs/upgrade/FirmwareProvisioningJob.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/testing/ShellHooks.h"
 #include "support/FixtureServer.h"
 #include "support/HttpServer.h"
 #include "support/TftpServer.h"
@@ -152,7 +154,7 @@ TEST_F(FaultsTest, tftpServerStoppedMidTransferFailsTheJobAndLeavesNoWorkFile) {
     EXPECT_EQ(told().getString(), "tftp EXITED WITH STATUS 1");
     EXPECT_TRUE(prov.contains("[stopped] FAILED TO DOWNLOAD CONFIGURATION"));
     EXPECT_FALSE(provtest::fileExists(workFile));
-    EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0U);
+    EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 0U);
     EXPECT_TRUE(deviceUnchanged());
 }
 
@@ -288,7 +290,7 @@ TEST_F(FaultsTest, readOnlyConfigurationStoreFailsTheConfigJobAndKeepsTheStoredO
 // --- A tool that is missing ----------------------------------------------------------------
 
 TEST_F(FaultsTest, missingTftpIsAStartErrorToldOnce) {
-    Kt::Shell::SET_TOOL("tftp", {"/nonexistent/tftp"});
+    Kt::ShellControl::SET_TOOL("tftp", {"/nonexistent/tftp"});
     // Never contacted: the tool does not start.
     provtest::LoopbackSocket unused = provtest::LoopbackSocket::udp();
     std::string name = remote(".cfg");
@@ -302,13 +304,13 @@ TEST_F(FaultsTest, missingTftpIsAStartErrorToldOnce) {
     EXPECT_EQ(told().getString(), started.getString());
     EXPECT_GE(prov.indexOf("[notftp] EXECUTION FAILED: " + started.toString().str()), 0)
         << prov.dump();
-    EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0U);
+    EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 0U);
     EXPECT_FALSE(provtest::fileExists(workFileOf(name)));
     EXPECT_TRUE(deviceUnchanged());
 }
 
 TEST_F(FaultsTest, missingTftpMovesOnToTheNextLocation) {
-    Kt::Shell::SET_TOOL("tftp", {"/nonexistent/tftp"});
+    Kt::ShellControl::SET_TOOL("tftp", {"/nonexistent/tftp"});
     HttpServer server;
     std::string name = remote(".cfg");
     server.put("/" + name, NEW_CONFIG);
@@ -327,7 +329,7 @@ TEST_F(FaultsTest, missingTftpMovesOnToTheNextLocation) {
 }
 
 TEST_F(FaultsTest, missingWgetIsLoggedAndTheNextLocationIsTriedAfterAFailure) {
-    Kt::Shell::SET_TOOL("wget", {"/nonexistent/wget"});
+    Kt::ShellControl::SET_TOOL("wget", {"/nonexistent/wget"});
     TftpServer server;
     std::string name = remote(".cfg");
     server.put(name, NEW_CONFIG);
@@ -357,7 +359,7 @@ TEST_F(FaultsTest, missingTarFailsTheFirmwareJobAndLeavesTheSlotsAlone) {
     std::string name = remote(".tar");
     server.put(name, "not looked at: tar cannot start");
     ASSERT_TRUE(server.start());
-    Kt::Shell::SET_TOOL("tar", {"/nonexistent/tar"});
+    Kt::ShellControl::SET_TOOL("tar", {"/nonexistent/tar"});
     FirmwareProvisioningJob job(loop, "notar", ProvisioningJob::None, false,
                                 {tftpLocation(server, name)}, credentials, resolver, handler, "",
                                 "", "", 1, 1);

@@ -34,10 +34,12 @@
 #include "engine/ProvisioningJob.h"
 #include "jobs/content/ConfigProvisioningJob.h"
 #include "platform/Cli.h"
-#include "platform/Device.h"
 #include "platform/KtEventLoop.h"
 #include "platform/Shell.h"
 #include "platform/StatusDb.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/testing/StatusDbHooks.h"
 #include "support/CaptureMonitor.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
@@ -157,7 +159,7 @@ class DeviceTest : public ::testing::Test {
     void SetUp() override {
         Device::SET_ROOT(device.path().c_str());
         ASSERT_TRUE(Device::PREPARE().isSuccess());
-        DB::Table::SystemProvisioningStatus::RESET();
+        DB::Table::ProvisioningStatusHooks::RESET();
         MON_PROV = &prov;
         MON_XFER = &xfer;
         MON_EVENT = &event;
@@ -304,7 +306,7 @@ class ToolRecorder {
         for (const std::string& word : realProgram) {
             prefix.push_back(word.c_str());
         }
-        Kt::Shell::SET_TOOL(tool.c_str(), prefix);
+        Kt::ShellControl::SET_TOOL(tool.c_str(), prefix);
         tools_.push_back(tool);
     }
 
@@ -335,9 +337,9 @@ class ToolRecorder {
     // The tools as the platform has them by default.
     static void RESTORE(const std::string& tool) {
         if (tool == "tftp") {
-            Kt::Shell::SET_TOOL("tftp", {"busybox", "tftp"});
+            Kt::ShellControl::SET_TOOL("tftp", {"busybox", "tftp"});
         } else {
-            Kt::Shell::SET_TOOL(tool.c_str(), {});
+            Kt::ShellControl::SET_TOOL(tool.c_str(), {});
         }
     }
 

@@ -12,6 +12,7 @@
 #include "jobs/content/ConfigProvisioningJob.h"
 #include "jobs/content/UploadProvisioningJob.h"
 #include "jobs/upgrade/FirmwareProvisioningJob.h"
+#include "platform/testing/ShellHooks.h"
 #include "support/FixtureServer.h"
 #include "support/Process.h"
 #include "support/TftpServer.h"
@@ -200,7 +201,7 @@ TEST_F(InjectionTest, blankInATftpPathCannotChooseTftpsLocalFile) {
     EXPECT_TRUE(told.isErr());
     EXPECT_EQ(told.getString(), "INVALID CHARACTER IN TFTP ARGUMENT") << prov.dump();
     EXPECT_FALSE(provtest::fileExists(marker));
-    EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0U);
+    EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 0U);
     EXPECT_TRUE(deviceUnchanged());
 }
 

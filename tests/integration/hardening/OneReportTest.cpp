@@ -9,6 +9,7 @@
 #include "integration/hardening/HardeningSupport.h"
 #include "integration/hardening/StallSupport.h"
 #include "jobs/content/ConfigProvisioningJob.h"
+#include "platform/testing/ShellHooks.h"
 #include "support/TftpServer.h"
 
 namespace {
@@ -32,14 +33,14 @@ class OneReportTest : public DeviceTest {
         auto job = configJob(location);
         handler.then = [&](ProvisioningJob&, const XCode&) {
             // At the moment of the report nothing of the transfer may run or be left.
-            EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0U);
+            EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 0U);
             EXPECT_FALSE(provtest::fileExists(workFile(name)));
         };
         XCode started = job->execute();
         EXPECT_TRUE(started.isErr());
         // Whatever the transfer would still deliver arrives once it has ended.
         EXPECT_TRUE(runUntilPolled(
-            loop, [] { return Kt::Shell::RUNNING_COMMANDS() == 0; }, 30s));
+            loop, [] { return Kt::ShellHooks::RUNNING_COMMANDS() == 0; }, 30s));
         loop.runPending();
         ASSERT_EQ(handler.results.size(), 1U) << prov.dump();
         EXPECT_EQ(told(), started);

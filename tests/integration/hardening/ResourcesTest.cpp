@@ -12,6 +12,8 @@
 #include "integration/hardening/HardeningSupport.h"
 #include "jobs/content/ConfigProvisioningJob.h"
 #include "jobs/content/KeyProvisioningJob.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/testing/ShellHooks.h"
 #include "support/HttpServer.h"
 #include "support/TftpServer.h"
 
@@ -56,7 +58,7 @@ TEST_F(ResourcesTest, jobsDestroyedAtRandomPointsAreNeverCalledBackAndLeaveNoChi
     tftpServer.put(key, "new key\n");
     ASSERT_TRUE(tftpServer.start());
     ASSERT_TRUE(credentials.add("dev", "u", "p").isSuccess());
-    ASSERT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, 20s));
+    ASSERT_TRUE(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, 20s));
     // The two servers are this process's children too.
     const int servers = currentResources().children;
 
@@ -93,10 +95,10 @@ TEST_F(ResourcesTest, jobsDestroyedAtRandomPointsAreNeverCalledBackAndLeaveNoChi
         loop.runUntil([&] { return seen++ >= events || !handler.results.empty(); }, 30s);
         std::size_t toldBefore = handler.results.size();
         finishedBeforeDestruction += toldBefore > 0 ? 1 : 0;
-        destroyedWhileRunning += Kt::Shell::RUNNING_COMMANDS() > 0 ? 1 : 0;
+        destroyedWhileRunning += Kt::ShellHooks::RUNNING_COMMANDS() > 0 ? 1 : 0;
         job.reset();
         // Every child is terminated and reaped, and nothing queued for the job calls it back.
-        ASSERT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, 20s));
+        ASSERT_TRUE(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, 20s));
         EXPECT_EQ(currentResources().children, servers);
         loop.runPending();
         EXPECT_EQ(handler.results.size(), toldBefore);
@@ -142,7 +144,7 @@ TEST_F(ResourcesTest, thousandJobsInARowLeaveNoDescriptorThreadChildOrMemoryBehi
     };
     auto settled = [] {
         // The last job's tftp is reaped before its result is delivered; this only makes sure.
-        EXPECT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, 20s));
+        EXPECT_TRUE(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, 20s));
         return currentResources();
     };
 
@@ -164,7 +166,7 @@ TEST_F(ResourcesTest, thousandJobsInARowLeaveNoDescriptorThreadChildOrMemoryBehi
             resident.push_back(now.residentKiB);
         }
     }
-    EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0U);
+    EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 0U);
     EXPECT_EQ(storedConfig(), NEW_CONFIG);
     std::string samples;
     for (long kib : resident) {

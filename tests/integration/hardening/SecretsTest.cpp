@@ -15,6 +15,8 @@
 #include "jobs/content/ConfigProvisioningJob.h"
 #include "jobs/upgrade/FirmwareProvisioningJob.h"
 #include "platform/StatusDb.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/simulated/SimulatedStatusDb.h"
 #include "support/FixtureServer.h"
 
 namespace {
@@ -175,7 +177,7 @@ TEST_F(SecretsTest, passwordInALocationReachesWgetOnlyThroughItsPrivateFile) {
                               resolver, handler);
     ASSERT_TRUE(job.execute().isSuccess());
     const std::string shown = "http://***@" + hostPart;
-    EXPECT_EQ(DB::Table::SystemProvisioningStatus::RECORD()->location.get().str(), shown);
+    EXPECT_EQ(DB::Table::SimulatedProvisioningStatus::RECORD()->location.get().str(), shown);
     ASSERT_TRUE(runUntilPolled(
         loop, [&] { return server.requestsFor(path).size() == 3 || !handler.results.empty(); },
         30s))
@@ -217,7 +219,7 @@ TEST_F(SecretsTest, privateFileGoesWhenTheRunIsAbandoned) {
     expectPrivateChannel(config);
 
     job.reset();
-    EXPECT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, 20s));
+    EXPECT_TRUE(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, 20s));
     loop.runPending();
     EXPECT_TRUE(handler.results.empty());
     EXPECT_FALSE(provtest::fileExists(config));
@@ -238,7 +240,7 @@ TEST_F(SecretsTest, privateFileGoesWhenWgetCannotStartForTheRetry) {
     ASSERT_TRUE(loop.runUntil(
         [this] { return prov.contains("[nostart/HTTP] Handle result of wget: "); }, 30s))
         << prov.dump();
-    Kt::Shell::SET_TOOL("wget", {"/nonexistent/wget"});
+    Kt::ShellControl::SET_TOOL("wget", {"/nonexistent/wget"});
     ASSERT_TRUE(runToEnd());
     EXPECT_EQ(told().getString(), "CANNOT START wget: No such file or directory");
     std::string config = loggedConfigFile("nostart");

@@ -17,7 +17,7 @@
 
 #include "integration/hardening/HardeningSupport.h"
 #include "integration/hardening/StallSupport.h"
-#include "platform/Device.h"
+#include "platform/simulated/DeviceDirectory.h"
 
 namespace {
 

@@ -11,10 +11,12 @@
 #include <vector>
 
 #include "engine/Monitors.h"
-#include "platform/Device.h"
 #include "platform/KtEventLoop.h"
 #include "platform/Shell.h"
 #include "platform/UpdateController.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/simulated/SimulatedUpdateController.h"
 #include "support/FixtureServer.h"
 #include "support/TempDir.h"
 
@@ -36,10 +38,10 @@ class StderrMonitorsTest : public ::testing::Test {
         Device::SET_ROOT(device.path().c_str());
         ASSERT_TRUE(Device::PREPARE().isSuccess());
         // The fetch below is ended by the deadline, not by the server.
-        Kt::Shell::SET_COMMAND_DEADLINE(3s);
+        Kt::ShellControl::SET_COMMAND_DEADLINE(3s);
     }
     void TearDown() override {
-        Kt::Shell::SET_COMMAND_DEADLINE(Kt::Shell::DEFAULT_COMMAND_DEADLINE);
+        Kt::ShellControl::SET_COMMAND_DEADLINE(Kt::ShellControl::DEFAULT_COMMAND_DEADLINE);
         EXPECT_TRUE(UpdateController::WAIT_IDLE(20s));
     }
 

@@ -5,6 +5,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include "platform/simulated/SimulatedUpdateController.h"
+#include "platform/testing/StatusDbHooks.h"
 
 namespace interop {
 
@@ -64,7 +66,7 @@ LargeFirmware::LargeFirmware() {
 void Cell::SetUp() {
     Device::SET_ROOT(device.path().c_str());
     ASSERT_TRUE(Device::PREPARE().isSuccess());
-    DB::Table::SystemProvisioningStatus::RESET();
+    DB::Table::ProvisioningStatusHooks::RESET();
     MON_PROV = &prov;
     MON_XFER = &xfer;
     MON_EVENT = &event;

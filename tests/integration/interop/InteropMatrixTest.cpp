@@ -12,6 +12,7 @@
 #include "InteropReport.h"
 #include "InteropServers.h"
 #include "platform/Shell.h"
+#include "platform/posix/ShellControl.h"
 #include "support/Certificates.h"
 #include "support/DnsmasqTftpServer.h"
 
@@ -298,10 +299,10 @@ TYPED_TEST(TftpInterop, largeFirmwareArrivesInLargeBlocks) {
     }
     // The device's tftp asks for blocks that fill an Ethernet frame. In 512-byte blocks 64 MiB
     // would also need the 16-bit block number to wrap, which the blksize option avoids.
-    Kt::Shell::SET_TOOL("tftp", {"busybox", "tftp", "-b", "1428"});
+    Kt::ShellControl::SET_TOOL("tftp", {"busybox", "tftp", "-b", "1428"});
     ::testing::AssertionResult verdict =
         this->largeFirmwareWritten(this->server().location(site::LARGE));
-    Kt::Shell::SET_TOOL("tftp", {"busybox", "tftp"});
+    Kt::ShellControl::SET_TOOL("tftp", {"busybox", "tftp"});
     this->expectPasses(verdict);
 }
 

@@ -14,8 +14,9 @@
 #include "jobs/content/DialplanProvisioningJob.h"
 #include "jobs/content/KeyProvisioningJob.h"
 #include "jobs/content/WizardProvisioningJob.h"
-#include "platform/Device.h"
 #include "platform/StatusDb.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/testing/StatusDbHooks.h"
 #include "support/CaptureMonitor.h"
 #include "support/HttpServer.h"
 #include "support/TempDir.h"
@@ -54,7 +55,7 @@ class ContentJobsTest : public ::testing::TestWithParam<Protocol> {
         }
         Device::SET_ROOT(device.path().c_str());
         ASSERT_TRUE(Device::PREPARE().isSuccess());
-        DB::Table::SystemProvisioningStatus::RESET();
+        DB::Table::ProvisioningStatusHooks::RESET();
         MON_PROV = &prov;
         MON_XFER = &xfer;
         MON_EVENT = &event;

@@ -12,11 +12,15 @@
 #include "engine/Monitors.h"
 #include "jobs/upgrade/FirmwareProvisioningJob.h"
 #include "jobs/upgrade/ScriptProvisioningJob.h"
-#include "platform/Device.h"
 #include "platform/Shell.h"
-#include "platform/SlotState.h"
 #include "platform/StatusDb.h"
 #include "platform/UpdateController.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/simulated/SimulatedUpdateController.h"
+#include "platform/simulated/SlotState.h"
+#include "platform/testing/StatusDbHooks.h"
+#include "platform/testing/UpdateControllerHooks.h"
 #include "support/CaptureMonitor.h"
 #include "support/Certificates.h"
 #include "support/HttpServer.h"
@@ -47,8 +51,8 @@ class UpgradeTest : public ::testing::Test {
     void SetUp() override {
         Device::SET_ROOT(device.path().c_str());
         ASSERT_TRUE(Device::PREPARE().isSuccess());
-        DB::Table::SystemProvisioningStatus::RESET();
-        Kt::Shell::SET_TOOL("tftp", {"busybox", "tftp"});
+        DB::Table::ProvisioningStatusHooks::RESET();
+        Kt::ShellControl::SET_TOOL("tftp", {"busybox", "tftp"});
         MON_PROV = &prov;
         MON_XFER = &xfer;
         MON_EVENT = &event;

@@ -14,9 +14,10 @@
 #include <vector>
 
 #include "engine/Monitors.h"
-#include "platform/Device.h"
 #include "platform/Shell.h"
 #include "platform/WgetUtil.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/testing/ShellHooks.h"
 #include "support/CaptureMonitor.h"
 #include "support/Certificates.h"
 #include "support/Process.h"
@@ -247,7 +248,7 @@ TEST_F(HttpClientTest, blockingGetReturnsTheFailure) {
 
 TEST_F(HttpClientTest, destroyingTheClientMidTransferGivesNoCallback) {
     ASSERT_TRUE(server.start());
-    std::size_t before = Kt::Shell::RUNNING_COMMANDS();
+    std::size_t before = Kt::ShellHooks::RUNNING_COMMANDS();
     ASSERT_TRUE(
         client->getHttpInBackground(server.url("/hang"), "user", "secret", outFile, counting())
             .isSuccess());
@@ -266,7 +267,7 @@ TEST_F(HttpClientTest, destroyingTheClientMidTransferGivesNoCallback) {
     // Until wget has been terminated and reaped, nothing that it printed or its end may arrive.
     bool reaped = false;
     std::function<void()> check = [&] {
-        reaped = Kt::Shell::RUNNING_COMMANDS() <= before;
+        reaped = Kt::ShellHooks::RUNNING_COMMANDS() <= before;
         if (!reaped) {
             std::this_thread::yield();
             loop.post(check);

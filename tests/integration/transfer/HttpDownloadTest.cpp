@@ -13,10 +13,14 @@
 #include "jobs/content/ConfigProvisioningJob.h"
 #include "jobs/content/UploadProvisioningJob.h"
 #include "platform/Cli.h"
-#include "platform/Device.h"
 #include "platform/Shell.h"
 #include "platform/StatusDb.h"
 #include "platform/UriUtil.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/simulated/SimulatedStatusDb.h"
+#include "platform/testing/ShellHooks.h"
+#include "platform/testing/StatusDbHooks.h"
 #include "support/CaptureMonitor.h"
 #include "support/Certificates.h"
 #include "support/FixtureServer.h"
@@ -47,7 +51,7 @@ class HttpDownloadTest : public ::testing::Test {
     void SetUp() override {
         Device::SET_ROOT(device.path().c_str());
         ASSERT_TRUE(Device::PREPARE().isSuccess());
-        DB::Table::SystemProvisioningStatus::RESET();
+        DB::Table::ProvisioningStatusHooks::RESET();
         MON_PROV = &prov;
         MON_XFER = &xfer;
         MON_EVENT = &event;
@@ -149,7 +153,7 @@ TEST_F(HttpDownloadTest, configurationOverHttpIsStored) {
     String url = server.url(path);
     auto job = configJob("cfg", {url});
     ASSERT_TRUE(job->execute().isSuccess());
-    EXPECT_EQ(DB::Table::SystemProvisioningStatus::RECORD()->location.get(), url);
+    EXPECT_EQ(DB::Table::SimulatedProvisioningStatus::RECORD()->location.get(), url);
     ASSERT_TRUE(runToEnd());
     EXPECT_TRUE(result().isSuccess()) << result().toString().str() << "\n" << prov.dump();
     EXPECT_EQ(storedConfig(), VALID_CONFIG);
@@ -971,14 +975,14 @@ TEST_F(HttpDownloadTest, httpUploadFailsAtOnce) {
     ASSERT_TRUE(
         CLI::STORE_CONFIGURATION_CONTENT("startup-config", VALID_CONFIG, error).isSuccess());
     // Earlier commands of this process are all reaped: the count below is this test's own.
-    ASSERT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, 20s));
+    ASSERT_TRUE(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, 20s));
     UploadProvisioningJob job(loop, "up", ProvisioningJob::None, false,
                               {"http://127.0.0.1:1/up.cfg"}, credentials, resolver, handler);
     XCode started = job.execute();
     EXPECT_EQ(started.getString(), "HTTP UPLOAD NOT SUPPORTED YET");
     ASSERT_EQ(handler.results.size(), 1U);
     EXPECT_EQ(result().getString(), "HTTP UPLOAD NOT SUPPORTED YET");
-    EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0U);
+    EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 0U);
     EXPECT_FALSE(prov.contains("Invoke wget"));
 }
 
@@ -987,14 +991,14 @@ TEST_F(HttpDownloadTest, httpsUploadFailsAtOnce) {
     ASSERT_TRUE(
         CLI::STORE_CONFIGURATION_CONTENT("startup-config", VALID_CONFIG, error).isSuccess());
     // Earlier commands of this process are all reaped: the count below is this test's own.
-    ASSERT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, 20s));
+    ASSERT_TRUE(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, 20s));
     UploadProvisioningJob job(loop, "up", ProvisioningJob::None, false,
                               {"https://127.0.0.1:1/up.cfg"}, credentials, resolver, handler);
     XCode started = job.execute();
     EXPECT_EQ(started.getString(), "HTTPS UPLOAD NOT SUPPORTED YET");
     ASSERT_EQ(handler.results.size(), 1U);
     EXPECT_EQ(result().getString(), "HTTPS UPLOAD NOT SUPPORTED YET");
-    EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0U);
+    EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 0U);
 }
 
 // --- Locations as users write them: query, fragment, login, IPv6 ----------------------------
@@ -1008,7 +1012,7 @@ TEST_F(HttpDownloadTest, queryIsRequestedAndNamesNoWorkFileAndTheFragmentStaysHo
     String location = (server.url(path) + "?mac=001122&f=/other.cfg#top").c_str();
     auto job = configJob("query", {location});
     ASSERT_TRUE(job->execute().isSuccess());
-    EXPECT_EQ(DB::Table::SystemProvisioningStatus::RECORD()->location.get(), location);
+    EXPECT_EQ(DB::Table::SimulatedProvisioningStatus::RECORD()->location.get(), location);
     ASSERT_TRUE(runToEnd());
     EXPECT_TRUE(result().isSuccess()) << result().toString().str() << "\n" << prov.dump();
     EXPECT_EQ(storedConfig(), VALID_CONFIG);
@@ -1060,7 +1064,7 @@ TEST_P(HttpLocationLoginTest, answersTheChallengeAheadOfTheStoreAndShowsMasked) 
     String location = ("http://dev:p%40ss%20word@" + url.substr(7)).c_str();
     auto job = configJob("login", {location});
     ASSERT_TRUE(job->execute().isSuccess());
-    EXPECT_EQ(DB::Table::SystemProvisioningStatus::RECORD()->location.get(), shown.c_str());
+    EXPECT_EQ(DB::Table::SimulatedProvisioningStatus::RECORD()->location.get(), shown.c_str());
     ASSERT_TRUE(runToEnd());
     EXPECT_TRUE(result().isSuccess()) << result().toString().str() << "\n" << prov.dump();
     EXPECT_EQ(storedConfig(), VALID_CONFIG);
@@ -1154,17 +1158,17 @@ TEST_F(HttpDownloadTest, destroyedJobGetsNoCallbackAndLeavesNoChild) {
     // The headers come at once, the body one byte a second: wget is mid-transfer for long.
     server.route(path, {FixtureResponse::slow(std::string(600, 'x'), 1, 1000)});
     ASSERT_TRUE(server.start());
-    ASSERT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, 20s));
+    ASSERT_TRUE(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, 20s));
     {
         auto job = configJob("gone", {server.url(path).c_str()});
         ASSERT_TRUE(job->execute().isSuccess());
-        EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 1U);
+        EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 1U);
         ASSERT_TRUE(loop.runUntil(
             [this] { return prov.contains("[gone/HTTP]   Content-Length: 600"); }, 20s))
             << prov.dump();
     }
     std::size_t logged = prov.lines().size();
-    EXPECT_TRUE(Kt::Shell::WAIT_FOR_RUNNING_COMMANDS(0, 20s));
+    EXPECT_TRUE(Kt::ShellControl::WAIT_FOR_RUNNING_COMMANDS(0, 20s));
     loop.runPending();
     EXPECT_TRUE(handler.results.empty());
     EXPECT_EQ(prov.lines().size(), logged) << prov.dump();

@@ -9,9 +9,10 @@
 #include <vector>
 
 #include "engine/Monitors.h"
-#include "platform/Device.h"
 #include "platform/StatusDb.h"
 #include "platform/SystemStatus.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/testing/StatusDbHooks.h"
 #include "support/CaptureMonitor.h"
 #include "support/TempDir.h"
 
@@ -73,7 +74,7 @@ class ProvisioningJobTest : public ::testing::Test {
     void SetUp() override {
         Device::SET_ROOT(device.path().c_str());
         ASSERT_TRUE(Device::PREPARE().isSuccess());
-        DB::Table::SystemProvisioningStatus::RESET();
+        DB::Table::ProvisioningStatusHooks::RESET();
         DRIVER::INSTANCE().unregisterAll();
         MON_PROV = &prov;
         MON_XFER = &xfer;
@@ -82,7 +83,7 @@ class ProvisioningJobTest : public ::testing::Test {
         MON_PROV = nullptr;
         MON_XFER = nullptr;
         DRIVER::INSTANCE().unregisterAll();
-        DB::Table::SystemProvisioningStatus::RESET();
+        DB::Table::ProvisioningStatusHooks::RESET();
     }
     std::unique_ptr<TestJob> makeJob(
         KtList<String> locations,
@@ -101,7 +102,7 @@ class ProvisioningJobTest : public ::testing::Test {
 };
 
 TEST_F(ProvisioningJobTest, emptyLocationListFailsBeforeTheStatusLookup) {
-    DB::Table::SystemProvisioningStatus::SET_AVAILABLE(false);
+    DB::Table::ProvisioningStatusHooks::SET_AVAILABLE(false);
     auto status = std::make_shared<RecordingStatus>();
     DRIVER::INSTANCE().registerInterface(DID_SystemStatus(), "main", status);
     auto job = makeJob({});
@@ -119,7 +120,7 @@ TEST_F(ProvisioningJobTest, emptyLocationListFailsBeforeTheStatusLookup) {
 }
 
 TEST_F(ProvisioningJobTest, failedStatusLookupFailsTheJobWithItsCode) {
-    DB::Table::SystemProvisioningStatus::SET_AVAILABLE(false);
+    DB::Table::ProvisioningStatusHooks::SET_AVAILABLE(false);
     auto job = makeJob({"tftp://127.0.0.1/x.cfg"});
     XCode result = job->execute();
     EXPECT_TRUE(result.isErr());

@@ -5,7 +5,7 @@
 #include "jobs/content/ConfigProvisioningJob.h"
 #include "jobs/upgrade/FirmwareProvisioningJob.h"
 #include "platform/Cli.h"
-#include "platform/Device.h"
+#include "platform/simulated/DeviceDirectory.h"
 #include "support/TempDir.h"
 
 namespace {

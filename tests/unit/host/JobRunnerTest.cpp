@@ -7,9 +7,10 @@
 #include <csignal>
 
 #include "host/StopSignals.h"
-#include "platform/Device.h"
 #include "platform/Shell.h"
-#include "platform/SlotState.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/simulated/SlotState.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
 
@@ -147,7 +148,7 @@ TEST_F(JobRunnerTest, runOfAnUnknownKindFails) {
 
 TEST_F(JobRunnerTest, watcherLooksAtTheRunningJobUntilItEnds) {
     ASSERT_TRUE(Device::PREPARE().isSuccess());
-    Kt::Shell::SET_TOOL("tftp", {"busybox", "tftp"});
+    Kt::ShellControl::SET_TOOL("tftp", {"busybox", "tftp"});
     // A bound port that never answers: the transfer runs until the job is stopped.
     provtest::LoopbackSocket silent = provtest::LoopbackSocket::udp();
     ASSERT_TRUE(silent.valid()) << silent.error();

@@ -9,9 +9,11 @@
 #include <vector>
 
 #include "engine/Monitors.h"
-#include "platform/Device.h"
 #include "platform/Shell.h"
 #include "platform/WgetUtil.h"
+#include "platform/posix/ShellControl.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/testing/ShellHooks.h"
 #include "support/CaptureMonitor.h"
 #include "support/TempDir.h"
 
@@ -564,10 +566,10 @@ class ProvisioningHttpClientStartTest : public ProvisioningHttpClientTest {
         ProvisioningHttpClientTest::SetUp();
         Device::SET_ROOT(device.path().c_str());
         ASSERT_TRUE(Device::PREPARE().isSuccess());
-        Kt::Shell::SET_TOOL("wget", {"true"});
+        Kt::ShellControl::SET_TOOL("wget", {"true"});
     }
     void TearDown() override {
-        Kt::Shell::SET_TOOL("wget", {});
+        Kt::ShellControl::SET_TOOL("wget", {});
         Device::SET_ROOT("");
         ProvisioningHttpClientTest::TearDown();
     }
@@ -646,18 +648,18 @@ TEST_F(ProvisioningHttpClientStartTest, privateFilesAreGoneWhenTheRunHasEnded) {
 }
 
 TEST_F(ProvisioningHttpClientStartTest, failingBuildArgsReturnsLogsAndStartsNothing) {
-    std::size_t running = Kt::Shell::RUNNING_COMMANDS();
+    std::size_t running = Kt::ShellHooks::RUNNING_COMMANDS();
     XCode result = client.getHttpInBackground("http://h/a\"b", "/tmp/provisioning/x", counting());
     EXPECT_EQ(result.getValue(), GENERIC);
     EXPECT_EQ(result.getString(), "INVALID CHARACTER IN WGET ARGUMENT");
     EXPECT_EQ(monitor.lines(), (std::vector<std::string>{"[job/HTTP] " + result.toString().str()}));
-    EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), running);
+    EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), running);
     loop.runPending();
     EXPECT_EQ(completions, 0);
 }
 
 TEST_F(ProvisioningHttpClientStartTest, toolThatCannotStartIsReturnedAndLogged) {
-    Kt::Shell::SET_TOOL("wget", {"/nonexistent/wget"});
+    Kt::ShellControl::SET_TOOL("wget", {"/nonexistent/wget"});
     XCode result = client.getHttpInBackground("http://h/x", "/tmp/provisioning/x", counting());
     EXPECT_TRUE(result.isErr());
     EXPECT_GE(monitor.indexOf("[job/HTTP] " + result.toString().str()), 0) << monitor.dump();

@@ -17,9 +17,10 @@
 
 #include "engine/Monitors.h"
 #include "engine/ProvisioningJob.h"
-#include "platform/Device.h"
 #include "platform/KtEventLoop.h"
 #include "platform/StatusDb.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/testing/StatusDbHooks.h"
 #include "support/CaptureMonitor.h"
 #include "support/TempDir.h"
 
@@ -110,7 +111,7 @@ class ContentJobTest : public ::testing::Test {
     void SetUp() override {
         Device::SET_ROOT(device.path().c_str());
         ASSERT_TRUE(Device::PREPARE().isSuccess());
-        DB::Table::SystemProvisioningStatus::RESET();
+        DB::Table::ProvisioningStatusHooks::RESET();
         MON_PROV = &prov;
         MON_XFER = &xfer;
         MON_EVENT = &event;

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "platform/Cli.h"
+#include "platform/testing/ShellHooks.h"
 #include "support/Process.h"
 #include "unit/jobs/content/ContentJobSupport.h"
 
@@ -101,7 +102,7 @@ TEST_F(UploadProvisioningJobTest, noStoredConfigurationFailsBeforeAnyTransfer) {
     EXPECT_EQ(result.getString(), "No configuration 'startup-config' stored");
     ASSERT_EQ(handler.results.size(), 1u);
     EXPECT_EQ(handler.results[0].getString(), "No configuration 'startup-config' stored");
-    EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0u);
+    EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 0u);
     EXPECT_FALSE(prov.contains("Trying to upload")) << prov.dump();
     EXPECT_FALSE(prov.contains("Starting TFTP upload"));
     EXPECT_EQ(prov.levelOf("[up] EXECUTION FAILED: No configuration 'startup-config' stored "
@@ -150,7 +151,7 @@ TEST_F(UploadProvisioningJobTest, cdrUploadFailsWhateverItsLocations) {
         ASSERT_EQ(handler.results.size(), 1u);
         EXPECT_EQ(handler.results[0].getString(), "NOT IMPLEMENTED");
         EXPECT_FALSE(prov.contains("Trying to upload")) << prov.dump();
-        EXPECT_EQ(Kt::Shell::RUNNING_COMMANDS(), 0u);
+        EXPECT_EQ(Kt::ShellHooks::RUNNING_COMMANDS(), 0u);
     }
     EXPECT_TRUE(xfer.lines().empty());
 }

@@ -11,10 +11,12 @@
 
 #include "engine/Monitors.h"
 #include "jobs/upgrade/FirmwareProvisioningJob.h"
-#include "platform/Device.h"
 #include "platform/StatusDb.h"
 #include "platform/UpdateController.h"
 #include "platform/UriUtil.h"
+#include "platform/simulated/DeviceDirectory.h"
+#include "platform/testing/StatusDbHooks.h"
+#include "platform/testing/UpdateControllerHooks.h"
 #include "support/CaptureMonitor.h"
 #include "support/TempDir.h"
 #include "support/UpgradeSupport.h"
@@ -33,7 +35,7 @@ class FirmwareJobTest : public ::testing::Test {
     void SetUp() override {
         Device::SET_ROOT(device.path().c_str());
         ASSERT_TRUE(Device::PREPARE().isSuccess());
-        DB::Table::SystemProvisioningStatus::RESET();
+        DB::Table::ProvisioningStatusHooks::RESET();
         MON_PROV = &prov;
         MON_XFER = &xfer;
         MON_EVENT = &event;

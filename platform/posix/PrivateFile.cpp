@@ -1,0 +1,106 @@
+#include "platform/posix/PrivateFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace PrivateFile {
+
+namespace {
+
+constexpr std::size_t READ_BLOCK = 4096;
+
+XCode systemFailure(int error, const String& path) {
+    return XCode::fromErrno(error).setStringF("%s: %s", path.c_str(), std::strerror(error));
+}
+
+// Reads `fd` to its end, at most `maxSize` bytes.
+XCode readAll(int fd, const String& what, std::size_t maxSize, String& text) {
+    text = String();
+    char buffer[READ_BLOCK];
+    while (true) {
+        ssize_t count = ::read(fd, buffer, sizeof buffer);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            return systemFailure(errno, what);
+        }
+        if (count == 0) {
+            return XCode();
+        }
+        text.append(buffer, static_cast<std::size_t>(count));
+        if (static_cast<std::size_t>(text.length()) > maxSize) {
+            text = String();
+            return XCode(XCode::GENERIC_FAILURE)
+                .setStringF("%s: larger than %zu bytes", what.c_str(), maxSize);
+        }
+    }
+}
+
+}  // namespace
+
+XCode READ(const String& path, std::size_t maxSize, String& text, Access& access, bool& exists) {
+    text = String();
+    exists = false;
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (fd < 0 && errno == ENOENT) {
+        return XCode();
+    }
+    if (fd < 0) {
+        return systemFailure(errno, path);
+    }
+    exists = true;
+    struct stat status {};
+    XCode result;
+    if (::fstat(fd, &status) != 0) {
+        result = systemFailure(errno, path);
+    } else if (!S_ISREG(status.st_mode)) {
+        result = XCode(XCode::GENERIC_FAILURE).setStringF("%s: not a regular file", path.c_str());
+    } else {
+        access.mode = static_cast<unsigned int>(status.st_mode & 07777);
+        access.owner = static_cast<unsigned int>(status.st_uid);
+        access.effectiveUser = static_cast<unsigned int>(::geteuid());
+        result = readAll(fd, path, maxSize, text);
+    }
+    ::close(fd);
+    return result;
+}
+
+XCode WRITE(const String& path, const String& text) {
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0) {
+        return systemFailure(errno, path);
+    }
+    XCode result;
+    if (::fchmod(fd, 0600) != 0) {
+        result = systemFailure(errno, path);
+    }
+    const char* data = text.data();
+    std::size_t left = static_cast<std::size_t>(text.length());
+    while (result.isSuccess() && left > 0) {
+        ssize_t written = ::write(fd, data, left);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            result = systemFailure(written < 0 ? errno : EIO, path);
+            break;
+        }
+        data += written;
+        left -= static_cast<std::size_t>(written);
+    }
+    if (::close(fd) != 0 && result.isSuccess()) {
+        result = systemFailure(errno, path);
+    }
+    return result;
+}
+
+XCode READ_STANDARD_INPUT(std::size_t maxSize, String& text) {
+    return readAll(STDIN_FILENO, "standard input", maxSize, text);
+}
+
+}  // namespace PrivateFile

@@ -1,0 +1,94 @@
+#include "platform/XCode.h"
+
+#include <cstring>
+
+XCode::XCode(const XCode& other) : value_(other.value_) {
+    if (other.record_) {
+        record_ = std::make_unique<Record>(*other.record_);
+    }
+}
+
+XCode& XCode::operator=(const XCode& other) {
+    if (this != &other) {
+        value_ = other.value_;
+        record_ = other.record_ ? std::make_unique<Record>(*other.record_) : nullptr;
+    }
+    return *this;
+}
+
+XCode& XCode::operator=(XCodeValue value) {
+    value_ = value & GENERIC_FAILURE;
+    record_.reset();
+    return *this;
+}
+
+XCode XCode::fromErrno(int error) {
+    XCode code = family(ERRNO_FAMILY, static_cast<XCodeValue>(error));
+    return code.setString(std::strerror(error));
+}
+
+XCode& XCode::setString(const String& message) {
+    if (record_) {
+        record_->message = message;
+    } else {
+        record_ = std::make_unique<Record>(Record{value_, message});
+        value_ = 0;
+    }
+    return *this;
+}
+
+XCode& XCode::setStringF(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    String message = String::vformat(format, args);
+    va_end(args);
+    return setString(message);
+}
+
+XCode& XCode::extendString(const String& prefix, const String& separator) {
+    if (prefix.isEmpty()) {
+        return *this;
+    }
+    if (getString().isEmpty()) {
+        return setString(prefix);
+    }
+    if (prefix.endsWith(" ")) {
+        return setString(prefix + getString());
+    }
+    return setString(prefix + separator + getString());
+}
+
+namespace {
+
+String describeValue(XCodeValue value) {
+    XCodeValue family = value >> 24;
+    int detail = static_cast<int>(value & 0xFFFFFF);
+    if (value == XCode::SUCCESS) {
+        return "SUCCESS";
+    }
+    if (value == XCode::GENERIC_FAILURE) {
+        return "GENERIC FAILURE";
+    }
+    switch (family) {
+        case XCode::ERRNO_FAMILY:
+            return String::format("SYSTEM ERROR %d: %s", detail, std::strerror(detail));
+        case XCode::EXIT_STATUS_FAMILY:
+            return String::format("EXIT STATUS %d", detail);
+        case XCode::SIGNAL_FAMILY:
+            return String::format("KILLED BY SIGNAL %d", detail);
+        case XCode::HTTP_FAMILY:
+            return String::format("HTTP STATUS %d", detail);
+        case XCode::DEADLINE_FAMILY:
+            return String::format("DID NOT FINISH WITHIN %d", detail);
+        default:
+            return "ERROR";
+    }
+}
+
+}  // namespace
+
+String XCode::toString() const {
+    const String& message = getString();
+    String text = message.isEmpty() ? describeValue(getValue()) : message;
+    return text.concatf(" (0x%08X)", getValue());
+}

@@ -1,0 +1,62 @@
+#include "platform/simulated/DeviceDirectory.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace Device {
+
+namespace {
+
+XCode errnoError(int error, const char* what, const String& path) {
+    XCode code = XCode::fromErrno(error);
+    code.setStringF("%s %s: %s", what, path.c_str(), std::strerror(error));
+    return code;
+}
+
+// <root>/tmp/provisioning, created 0700 when missing. An existing one keeps its mode and owner:
+// CHECK_WORK_DIRECTORY judges it before every use.
+XCode makeWorkDirectory() {
+    const String hostPath = MAP_PATH("/tmp/provisioning");
+    XCode result = MAKE_DIRECTORIES(ROOT() + "/tmp");
+    if (result.isErr()) {
+        return result;
+    }
+    if (::mkdir(hostPath.c_str(), 0700) == 0) {
+        // Exactly 0700, whatever the process's umask.
+        if (::chmod(hostPath.c_str(), 0700) != 0) {
+            return errnoError(errno, "CANNOT CREATE DIRECTORY", hostPath);
+        }
+    } else if (errno != EEXIST) {
+        return errnoError(errno, "CANNOT CREATE DIRECTORY", hostPath);
+    }
+    return XCode::SUCCESS;
+}
+
+}  // namespace
+
+XCode PREPARE() {
+    const String root = ROOT();
+    if (root.isEmpty()) {
+        XCode refused(XCode::GENERIC_FAILURE);
+        return refused.setString("NO DEVICE DIRECTORY SET");
+    }
+    const char* const directories[] = {"/flash",
+                                       "/flash/dialplan",
+                                       "/flash/preferences",
+                                       "/flash/wizard",
+                                       "/flash/provisioning",
+                                       "/config",
+                                       "/slots",
+                                       "/status"};
+    for (const char* directory : directories) {
+        XCode result = MAKE_DIRECTORIES(root + directory);
+        if (result.isErr()) {
+            return result;
+        }
+    }
+    return makeWorkDirectory();
+}
+
+}  // namespace Device

@@ -1,0 +1,17 @@
+#pragma once
+
+#include "platform/StatusDb.h"
+
+// The simulated database keeps the provisioning status record in memory and mirrors the location
+// into the device directory's "status/provisioning-location".
+namespace DB {
+namespace Table {
+
+class SimulatedProvisioningStatus {
+  public:
+    // The record that lookups find, for the host that shows it.
+    static Ptr<SystemProvisioningStatusRecord> RECORD();
+};
+
+}  // namespace Table
+}  // namespace DB

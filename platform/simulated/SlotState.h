@@ -1,0 +1,47 @@
+#pragma once
+
+#include <functional>
+
+#include "platform/String.h"
+#include "platform/XCode.h"
+
+// The state of the simulated device's two image slots, kept in the device directory's
+// "slots/state". Shared by the update controller (which records the version it wrote into a
+// slot) and the host (which applies the job's image action and "restarts" into the next slot).
+//
+// File format, one "key=value" per line, in this order when written; unknown keys and lines
+// without '=' are ignored on reading, a missing key keeps its default:
+//   active=1           slot that runs now (1 or 2)
+//   next=1             slot that starts next (1 or 2)
+//   version.1=X 1.2 7  version held in slot 1 (everything after the first '='), empty when none
+//   version.2=
+// A missing file is the state of a new device: both slots empty, active 1, next 1.
+//
+// Thread-safe within the process: every operation holds one lock; MODIFY holds it across the
+// read, the change and the write. Writes replace the file atomically.
+struct SlotState {
+    unsigned int active = 1;
+    unsigned int next = 1;
+    String version1;
+    String version2;
+
+    // The version of slot 1 or 2 (slot 1 for any other number).
+    const String& version(unsigned int slot) const { return slot == 2 ? version2 : version1; }
+    String& version(unsigned int slot) { return slot == 2 ? version2 : version1; }
+    // The slot that is not `slot`: 2 for 1, 1 for anything else.
+    static unsigned int OTHER(unsigned int slot) { return slot == 1 ? 2 : 1; }
+
+    // "<device root>/slots/state".
+    static String PATH();
+    // Parses the text of the file; never fails (see the format above).
+    static SlotState PARSE(const String& text);
+    String toText() const;
+
+    // The current state; a missing file gives the defaults with success. An unreadable file is
+    // an error and leaves `state` as it was.
+    [[nodiscard]] static XCode LOAD(SlotState& state);
+    // Replaces the file with `state`.
+    [[nodiscard]] static XCode STORE(const SlotState& state);
+    // Loads, calls `change`, stores; nothing is written when loading fails.
+    [[nodiscard]] static XCode MODIFY(const std::function<void(SlotState&)>& change);
+};
