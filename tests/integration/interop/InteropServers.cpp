@@ -173,8 +173,6 @@ class Python : public HttpKind {
         return published ? server_.start() : published;
     }
     std::string url(const std::string& path) const override { return server_.url(path); }
-    std::string redirectLocation(HttpScenario) const override { return url(site::FOLDER); }
-    std::string redirectTarget(HttpScenario) const override { return url(site::FOLDER_TARGET); }
     bool redirectsOnlyFolders() const override { return true; }
 
   private:
@@ -210,8 +208,6 @@ class Busybox : public HttpKind {
         return published ? server_.start() : published;
     }
     std::string url(const std::string& path) const override { return server_.url(path); }
-    std::string redirectLocation(HttpScenario) const override { return url(site::FOLDER); }
-    std::string redirectTarget(HttpScenario) const override { return url(site::FOLDER_TARGET); }
     bool redirectsOnlyFolders() const override { return true; }
 
   private:

@@ -70,12 +70,15 @@ class HttpKind {
     virtual std::string url(const std::string& path) const = 0;
     virtual std::string httpsUrl(const std::string& path) const { return url(path); }
     // Where a redirect scenario starts, and where the server sends the job.
-    virtual std::string redirectLocation(HttpScenario scenario) const {
-        return url(redirectPath(scenario));
-    }
-    virtual std::string redirectTarget(HttpScenario) const { return url(site::FILE); }
-    // True for servers whose only redirect sends a folder to its trailing slash.
+    // True for servers whose only redirect sends a folder to its trailing slash: their redirect
+    // scenarios start at a folder and end at it.
     virtual bool redirectsOnlyFolders() const { return false; }
+    std::string redirectLocation(HttpScenario scenario) const {
+        return url(redirectsOnlyFolders() ? site::FOLDER : redirectPath(scenario));
+    }
+    std::string redirectTarget(HttpScenario) const {
+        return url(redirectsOnlyFolders() ? site::FOLDER_TARGET : site::FILE);
+    }
 };
 
 class TftpKind {
