@@ -97,6 +97,19 @@ class HttpDownloadTest : public ::testing::Test {
         return ::testing::AssertionSuccess();
     }
     const XCode& result() const { return handler.results.front(); }
+    // A configuration answered 201 that the running system refused: the job ends with `message`,
+    // nothing ran, the transfer log names running-config with the refusal, and no update is
+    // reported.
+    void expectExecutionRefused(const std::string& job, const String& url,
+                                const std::string& message) {
+        EXPECT_EQ(result().getString(), message);
+        EXPECT_FALSE(provtest::fileExists(device.file("running-config")));
+        EXPECT_GE(xfer.indexOf(job + " : " + url.str() +
+                               " -> running-config : " + result().toString().str()),
+                  0)
+            << xfer.dump();
+        EXPECT_FALSE(event.contains("Received"));
+    }
     static std::string storedConfig() {
         String stored;
         String error;
@@ -755,13 +768,7 @@ TEST_F(HttpDownloadTest, createdConfigurationWithRejectedCommandsFailsToExecute)
     auto job = configJob("unknown", {url});
     ASSERT_TRUE(job->execute().isSuccess());
     ASSERT_TRUE(runToEnd());
-    EXPECT_EQ(result().getString(), "EXECUTION FAILED AT LINE 2: frobnicate the gateway");
-    EXPECT_FALSE(provtest::fileExists(device.file("running-config")));
-    EXPECT_GE(xfer.indexOf(("unknown : " + url + " -> running-config : ").str() +
-                           result().toString().str()),
-              0)
-        << xfer.dump();
-    EXPECT_FALSE(event.contains("Received"));
+    expectExecutionRefused("unknown", url, "EXECUTION FAILED AT LINE 2: frobnicate the gateway");
 }
 
 // An ordinary configuration: comments, a blank line, and sub-commands two levels deep.
@@ -813,13 +820,8 @@ TEST_F(HttpDownloadTest, rejectedSubCommandFailsTheCreatedConfigurationAtItsLine
     auto job = configJob("nested", {url});
     ASSERT_TRUE(job->execute().isSuccess());
     ASSERT_TRUE(runToEnd());
-    EXPECT_EQ(result().getString(), "EXECUTION FAILED AT LINE 6: ipaddress 10.0.0.1 255.255.255.0");
-    EXPECT_FALSE(provtest::fileExists(device.file("running-config")));
-    EXPECT_GE(xfer.indexOf(("nested : " + url + " -> running-config : ").str() +
-                           result().toString().str()),
-              0)
-        << xfer.dump();
-    EXPECT_FALSE(event.contains("Received"));
+    expectExecutionRefused("nested", url,
+                           "EXECUTION FAILED AT LINE 6: ipaddress 10.0.0.1 255.255.255.0");
 }
 
 // --- Failures --------------------------------------------------------------------------------
