@@ -116,6 +116,10 @@ function(prov_layer name layer)
     add_library(${name} OBJECT ${sources})
     target_include_directories(${name} PRIVATE ${PROV_ROOT_${layer}})
     target_link_libraries(${name} PRIVATE Threads::Threads prov_warnings)
+    # Only what a header marks (PROV_API, a contract header's visibility push) leaves the shared
+    # libraries; the tests reach the rest through the static archives of the same objects.
+    set_target_properties(${name} PROPERTIES CXX_VISIBILITY_PRESET hidden
+        VISIBILITY_INLINES_HIDDEN ON)
     # The contract's definitions (64-bit file offsets) shape its types: every layer compiles with
     # them, as every user of the installed headers does.
     target_compile_definitions(${name} PRIVATE

@@ -1,4 +1,4 @@
-#include "engine/Monitors.h"
+#include "engine/ProvLog.h"
 #include "engine/ProvisioningJob.h"
 #include "platform/Mgmt.h"
 #include "platform/UriUtil.h"

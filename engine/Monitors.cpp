@@ -1,4 +1,4 @@
-#include "engine/Monitors.h"
+#include "engine/ProvLog.h"
 
 RTD::Monitor* MON_PROV = nullptr;
 RTD::Monitor* MON_XFER = nullptr;

@@ -1,6 +1,6 @@
 #include "engine/ProvisioningJob.h"
 
-#include "engine/Monitors.h"
+#include "engine/ProvLog.h"
 #include "platform/StatusDb.h"
 #include "transfer/ProvisioningHttpClient.h"
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "expression/ExpressionResolver.h"
+#include "platform/Export.h"
 #include "platform/KtEventLoop.h"
 #include "platform/KtFunction.h"
 #include "platform/KtList.h"
@@ -22,7 +23,7 @@ class ProvisioningHttpClient;
 //
 // Threading: execute() and every callback run on the job's event loop; the fields need no lock.
 // Destroying a running job cancels it silently: no callback reaches the handler afterwards.
-class ProvisioningJob {
+class PROV_API ProvisioningJob {
   public:
     enum ReloadType : unsigned int { Immediate = 0, Graceful = 1, Deferred = 2, None = 3 };
     enum Direction : unsigned int { Download = 0, Upload = 1 };
@@ -34,7 +35,7 @@ class ProvisioningJob {
     };
 
     // Implemented by the management process.
-    class CallbackHandler {
+    class PROV_API CallbackHandler {
       public:
         virtual ~CallbackHandler() = default;
         // Called exactly once per started job, on the job's event loop, with the final result.

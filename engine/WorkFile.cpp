@@ -1,4 +1,4 @@
-#include "engine/Monitors.h"
+#include "engine/ProvLog.h"
 #include "engine/ProvisioningJob.h"
 #include "platform/Device.h"
 #include "platform/FileNode.h"

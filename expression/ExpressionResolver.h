@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Export.h"
 #include "platform/String.h"
 #include "platform/XCode.h"
 
@@ -17,7 +18,7 @@
 // The owner (the management process) writes the values directly and hands the resolver by
 // reference to every job. The resolver has no lock and never blocks; the owner serialises writes
 // and resolutions (the location walk resolves under the management instance's lock).
-class ExpressionResolver {
+class PROV_API ExpressionResolver {
   public:
     // The comparison of a conditional expression, passed around as an unsigned 16-bit number.
     enum eExpressionCondition : unsigned short {

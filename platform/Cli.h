@@ -6,6 +6,9 @@
 #include "platform/String.h"
 #include "platform/XCode.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 // The device's configuration store: named configurations.
 namespace CLI {
 
@@ -33,3 +36,5 @@ namespace CmdExec {
                             int flags);
 
 }  // namespace CmdExec
+
+#pragma GCC visibility pop

@@ -2,6 +2,9 @@
 
 #include "platform/XCode.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 // The device's own directories, as the engine names them ("/flash/...", "/tmp/provisioning/...").
 // Thread-safe.
 namespace Device {
@@ -12,3 +15,5 @@ namespace Device {
 [[nodiscard]] XCode CHECK_WORK_DIRECTORY();
 
 }  // namespace Device
+
+#pragma GCC visibility pop

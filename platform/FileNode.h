@@ -5,6 +5,9 @@
 #include "platform/String.h"
 #include "platform/XCode.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 // What lies at a path of the work directory, looked at and removed without ever following a
 // symbolic link, and read only when it is a plain file of bounded size. A tool run by the engine
 // (tar extracting a server's archive) can leave any kind of node under any name there: these are
@@ -70,3 +73,5 @@ constexpr std::size_t DEFAULT_CONTENT_CAP = 16 * 1024 * 1024;
 std::size_t CONTENT_CAP();
 
 }  // namespace FileNode
+
+#pragma GCC visibility pop

@@ -6,6 +6,9 @@
 #include <functional>
 #include <mutex>
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 // The loop a job runs on. The host calls run() on one thread; any thread may post(). Events run
 // one at a time, in the order they were posted, with the loop's lock held (Kt::Function's sync
 // delivery takes the same lock, so it never overlaps an event).
@@ -44,3 +47,5 @@ class KtEventLoop {
     bool stopped_ = false;
     std::recursive_mutex eventLock_;
 };
+
+#pragma GCC visibility pop

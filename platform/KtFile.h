@@ -5,6 +5,9 @@
 #include "platform/String.h"
 #include "platform/XCode.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 struct stat;
 
 // A file of the device. Device paths under "/flash/" are mapped into the device directory
@@ -84,3 +87,5 @@ class KtFile {
 template <>
 XCode KtFile::READ_TEXT_FILE<String>(const String& path, String& content, int flags, bool mapped,
                                      bool strict);
+
+#pragma GCC visibility pop

@@ -9,6 +9,9 @@
 
 #include "platform/KtEventLoop.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 namespace Kt {
 
 enum class Delivery {
@@ -148,3 +151,5 @@ class Function<void(Args...)> {
 };
 
 }  // namespace Kt
+
+#pragma GCC visibility pop

@@ -5,6 +5,9 @@
 
 #include "platform/String.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 struct StringHash {
     // h = h XOR (byte XOR (h << 5)) over the unsigned bytes, starting from 0.
     std::uint32_t operator()(const String& key) const {
@@ -76,3 +79,5 @@ template <typename V>
 using KtStringHashTable = KtHashTable<String, V, StringHash, StringCompare>;
 
 #include "platform/KtHashTable.inl"
+
+#pragma GCC visibility pop

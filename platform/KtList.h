@@ -6,6 +6,9 @@
 
 #include "platform/XCode.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 // Ordered list. The job's locations are popped from the front; redirect targets go to the front.
 template <typename T>
 class KtList {
@@ -36,3 +39,5 @@ class KtList {
   private:
     std::deque<T> items_;
 };
+
+#pragma GCC visibility pop

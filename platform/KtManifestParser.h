@@ -6,6 +6,9 @@
 #include "platform/String.h"
 #include "platform/XCode.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 // One entry of a manifest: its key/value parameters.
 class KtManifestEntry {
   public:
@@ -34,3 +37,5 @@ class KtManifestParser {
     bool parsed_ = false;
     KtManifestEntry entry_;
 };
+
+#pragma GCC visibility pop

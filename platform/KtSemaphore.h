@@ -5,6 +5,9 @@
 
 #include "platform/XCode.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 class KtSemaphore {
   public:
     enum TimeSource { MONOTONIC = 0 };
@@ -19,3 +22,5 @@ class KtSemaphore {
     int count_;
     int maximum_;
 };
+
+#pragma GCC visibility pop

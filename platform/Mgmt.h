@@ -4,6 +4,9 @@
 
 #include "platform/XCode.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 // The management layer's lock that guards the device values while expressions are resolved.
 class KtEventSync {
   public:
@@ -40,3 +43,5 @@ class IManagement {
 namespace MGMT {
 IManagement& INSTANCE();
 }
+
+#pragma GCC visibility pop

@@ -6,6 +6,9 @@
 
 #include "platform/String.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 namespace RTD {
 
 // A named log channel with an enabled level: a line of level L is written when L is not greater
@@ -63,3 +66,5 @@ namespace ERROR {
 // The text that conversions to text give for a value outside their table.
 extern const char* const INVALID;
 }  // namespace ERROR
+
+#pragma GCC visibility pop

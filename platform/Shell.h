@@ -9,6 +9,9 @@
 #include "platform/String.h"
 #include "platform/XCode.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 namespace Kt {
 
 class RunningCommand;  // the platform's record of one child process
@@ -97,3 +100,5 @@ class Shell {
 };
 
 }  // namespace Kt
+
+#pragma GCC visibility pop

@@ -6,6 +6,9 @@
 #include "platform/String.h"
 #include "platform/XCode.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 // The slice of the device's configuration database that provisioning writes: the provisioning
 // status record and its location field.
 namespace DB {
@@ -58,3 +61,5 @@ class SystemProvisioningStatus {
 
 }  // namespace Table
 }  // namespace DB
+
+#pragma GCC visibility pop

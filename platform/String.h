@@ -6,6 +6,9 @@
 #include <string>
 #include <vector>
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 #define KT_PRINTF(fmtIndex, argIndex) __attribute__((format(printf, fmtIndex, argIndex)))
 
 // The platform's byte string: bytes with a known length (embedded NULs allowed), printf-style
@@ -89,3 +92,5 @@ struct std::hash<String> {
         return std::hash<std::string>()(s.str());
     }
 };
+
+#pragma GCC visibility pop

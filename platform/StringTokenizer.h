@@ -4,6 +4,9 @@
 
 #include "platform/String.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 // Splits a text on a set of delimiter characters ("\r\n" splits on either). Pieces between two
 // adjacent delimiters are empty tokens and are kept, so "a\r\nb" gives "a", "", "b" with the
 // delimiter set "\r\n"; `skipEmpty` drops them. An empty text has no tokens.
@@ -21,3 +24,5 @@ class StringTokenizer {
     std::vector<String> tokens_;
     int next_ = 0;
 };
+
+#pragma GCC visibility pop

@@ -7,6 +7,9 @@
 #include "platform/String.h"
 #include "platform/XCode.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 // The device's driver repository and its system-status interface (busy flags per subsystem).
 
 using DriverId = unsigned int;
@@ -96,3 +99,5 @@ void IDriverRepository::getDriverInterfaces<ISystemStatus>(DriverId driver, cons
 namespace DRIVER {
 IDriverRepository& INSTANCE();
 }
+
+#pragma GCC visibility pop

@@ -5,6 +5,9 @@
 #include "platform/String.h"
 #include "platform/XCode.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 // The device's update controller. It works in the background and reports on the event loop of
 // the thread that started the upgrade (KtEventLoop::current()): any number of progress reports,
 // then exactly one termination. Termination: `first` tells that a slot was written, `second` that
@@ -41,3 +44,5 @@ class CallbackHandler {
 void CANCEL(CallbackHandler* handler);
 
 }  // namespace UpdateController
+
+#pragma GCC visibility pop

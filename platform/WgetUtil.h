@@ -5,6 +5,9 @@
 #include "platform/String.h"
 #include "platform/XCode.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 namespace WgetUtil {
 
 // Fills `args` with GNU wget's arguments (without the program name) for one download of `url`
@@ -44,3 +47,5 @@ void RELEASE_SECRETS(const std::vector<String>& args);
 extern const char* const SECRETS_DIRECTORY_PREFIX;
 
 }  // namespace WgetUtil
+
+#pragma GCC visibility pop

@@ -5,6 +5,9 @@
 
 #include "platform/String.h"
 
+// The device contract: every declaration below is part of the interface.
+#pragma GCC visibility push(default)
+
 using XCodeValue = std::uint32_t;
 
 // A result code: a 31-bit value (0 is success) and an optional message. The top byte of the value
@@ -90,3 +93,5 @@ class XCode {
 inline XCode testExpression(bool condition) {
     return condition ? XCode(XCode::SUCCESS) : XCode(XCode::GENERIC_FAILURE);
 }
+
+#pragma GCC visibility pop

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "engine/Monitors.h"
+#include "engine/ProvLog.h"
 #include "engine/ProvisioningJob.h"
 #include "platform/UriUtil.h"
 #include "platform/WgetUtil.h"

@@ -3,7 +3,7 @@
 
 #include "transfer/ProvisioningHttpClient.h"
 
-#include "engine/Monitors.h"
+#include "engine/ProvLog.h"
 #include "platform/StringTokenizer.h"
 
 namespace {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Export.h"
 #include "platform/KtHashTable.h"
 #include "platform/String.h"
 #include "platform/XCode.h"
@@ -16,7 +17,7 @@
 //
 // A value type: the management process fills one and every job keeps its own copy. Not
 // thread-safe; one thread uses an object at a time.
-class ProvisioningCredentials {
+class PROV_API ProvisioningCredentials {
   public:
     struct Credentials {
         String user;

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "engine/Monitors.h"
+#include "engine/ProvLog.h"
 #include "platform/KtSemaphore.h"
 #include "platform/StringTokenizer.h"
 #include "platform/WgetUtil.h"

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Export.h"
 #include "platform/KtEventLoop.h"
 #include "platform/KtFunction.h"
 #include "platform/Shell.h"
@@ -18,7 +19,7 @@ struct ProvisioningHttpClientTestHook;
 // for the same run and must be called from another thread while that loop runs.
 // Destroying the client abandons a running wget: no callback of that run reaches the client or
 // its completion afterwards. Destroy it on its loop's thread or while that loop does not run.
-class ProvisioningHttpClient {
+class PROV_API ProvisioningHttpClient {
   public:
     ProvisioningHttpClient(const String& clientName, const String& oemName, const String& modelName,
                            const String& serialNumber, const String& swVersion,

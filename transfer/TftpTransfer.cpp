@@ -1,7 +1,7 @@
 // ProvisioningJob's TFTP members: download and upload with tftp. They are compiled into the
 // engine's layer (tools/layers.txt); this folder keeps every way a file travels.
 
-#include "engine/Monitors.h"
+#include "engine/ProvLog.h"
 #include "engine/ProvisioningJob.h"
 #include "platform/UriUtil.h"
 

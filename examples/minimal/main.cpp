@@ -1,19 +1,18 @@
 // The smallest host of the provisioning engine: it plays the management process for one
-// configuration job against a simulated device directory and prints the job's result.
+// configuration job and prints the job's result. It uses only the installed headers, so the same
+// program runs on a device, against the device's own libraries, and on a Linux host, against the
+// simulated device, whose directory the environment names:
 //
-//   minimal-provisioning DEVICE_DIRECTORY LOCATION...
+//   PROV_DEVICE_ROOT=DEVICE_DIRECTORY minimal-provisioning LOCATION...
 //
-// The configuration is stored as DEVICE_DIRECTORY/config/startup-config. Exit status 0 when the
-// job succeeded, 1 when it failed, 2 for a wrong command line.
+// On the host the configuration is stored as DEVICE_DIRECTORY/config/startup-config. Exit status
+// 0 when the job succeeded, 1 when it failed, 2 for a wrong command line.
 #include <chrono>
 #include <cstdio>
 
 #include "engine/Monitors.h"
 #include "jobs/content/ConfigProvisioningJob.h"
 #include "platform/KtEventLoop.h"
-#include "platform/Shell.h"
-#include "platform/posix/ShellControl.h"
-#include "platform/simulated/DeviceDirectory.h"
 
 namespace {
 
@@ -38,22 +37,10 @@ void printLine(const RTD::Monitor& monitor, int level, const String& line) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3) {
-        std::fprintf(stderr, "usage: %s DEVICE_DIRECTORY LOCATION...\n", argv[0]);
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: %s LOCATION...\n", argv[0]);
         return 2;
     }
-    // The simulated device: /flash and the configuration store live in this directory.
-    Device::SET_ROOT(argv[1]);
-    XCode prepared = Device::MAKE_DIRECTORIES(argv[1]);
-    if (prepared.isSuccess()) {
-        prepared = Device::PREPARE();
-    }
-    if (prepared.isErr()) {
-        std::fprintf(stderr, "%s\n", prepared.toString().c_str());
-        return 1;
-    }
-    // The device's tftp is BusyBox's applet on this host.
-    Kt::ShellControl::SET_TOOL("tftp", {"busybox", "tftp"});
 
     RTD::Monitor prov("PROV", 6, printLine);
     RTD::Monitor xfer("XFER", 6, printLine);
@@ -61,7 +48,7 @@ int main(int argc, char** argv) {
     MON_XFER = &xfer;
 
     KtList<String> locations;
-    for (int index = 2; index < argc; ++index) {
+    for (int index = 1; index < argc; ++index) {
         locations.pushBack(argv[index]);
     }
     ProvisioningCredentials credentials;  // no HTTP realm needs a user here

@@ -1,6 +1,6 @@
 #include "jobs/content/ConfigProvisioningJob.h"
 
-#include "engine/Monitors.h"
+#include "engine/ProvLog.h"
 #include "jobs/content/FlashFile.h"
 #include "platform/Cli.h"
 

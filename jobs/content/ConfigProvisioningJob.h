@@ -1,10 +1,11 @@
 #pragma once
 
 #include "engine/ProvisioningJob.h"
+#include "platform/Export.h"
 
 // Downloads a configuration in the device's CLI language and stores it as the startup
 // configuration, or, after an HTTP 201, executes it on the running system.
-class ConfigProvisioningJob : public ProvisioningJob {
+class PROV_API ConfigProvisioningJob : public ProvisioningJob {
   public:
     ConfigProvisioningJob(KtEventLoop& loop, const String& name, ReloadType reloadType,
                           bool compare, const KtList<String>& locations,

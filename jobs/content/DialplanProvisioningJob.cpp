@@ -1,6 +1,6 @@
 #include "jobs/content/DialplanProvisioningJob.h"
 
-#include "engine/Monitors.h"
+#include "engine/ProvLog.h"
 #include "jobs/content/FlashFile.h"
 
 DialplanProvisioningJob::DialplanProvisioningJob(KtEventLoop& loop, const String& jobName,

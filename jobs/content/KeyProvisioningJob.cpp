@@ -1,6 +1,6 @@
 #include "jobs/content/KeyProvisioningJob.h"
 
-#include "engine/Monitors.h"
+#include "engine/ProvLog.h"
 #include "jobs/content/FlashFile.h"
 
 namespace {

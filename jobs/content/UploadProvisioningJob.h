@@ -1,9 +1,10 @@
 #pragma once
 
 #include "engine/ProvisioningJob.h"
+#include "platform/Export.h"
 
 // Uploads the stored startup configuration (never the running one).
-class UploadProvisioningJob : public ProvisioningJob {
+class PROV_API UploadProvisioningJob : public ProvisioningJob {
   public:
     UploadProvisioningJob(KtEventLoop& loop, const String& name, ReloadType reloadType,
                           bool compare, const KtList<String>& locations,
@@ -16,7 +17,7 @@ class UploadProvisioningJob : public ProvisioningJob {
 };
 
 // The reserved slot for uploading call detail records: not implemented, always fails.
-class CdrUploadJob : public ProvisioningJob {
+class PROV_API CdrUploadJob : public ProvisioningJob {
   public:
     CdrUploadJob(KtEventLoop& loop, const String& name, const String& sourceName,
                  ReloadType reloadType, bool compare, const KtList<String>& locations,

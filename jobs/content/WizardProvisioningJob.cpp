@@ -1,6 +1,6 @@
 #include "jobs/content/WizardProvisioningJob.h"
 
-#include "engine/Monitors.h"
+#include "engine/ProvLog.h"
 #include "jobs/content/FlashFile.h"
 
 WizardProvisioningJob::WizardProvisioningJob(KtEventLoop& loop, const String& jobName,

@@ -1,10 +1,11 @@
 #pragma once
 
 #include "engine/ProvisioningJob.h"
+#include "platform/Export.h"
 
 // Downloads a wizard, stores it as "/flash/wizard/<file name of the location>" and leaves the
 // CLI command "add wizard" in mode "Wizard" with the file's name for the job's owner.
-class WizardProvisioningJob : public ProvisioningJob {
+class PROV_API WizardProvisioningJob : public ProvisioningJob {
   public:
     WizardProvisioningJob(KtEventLoop& loop, const String& name, ReloadType reloadType,
                           bool compare, const KtList<String>& locations,

@@ -1,6 +1,6 @@
 #include "jobs/upgrade/FirmwareProvisioningJob.h"
 
-#include "engine/Monitors.h"
+#include "engine/ProvLog.h"
 #include "platform/KtManifestParser.h"
 
 namespace {

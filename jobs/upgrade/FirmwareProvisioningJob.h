@@ -1,13 +1,14 @@
 #pragma once
 
 #include "jobs/upgrade/UpgradeProvisioningJob.h"
+#include "platform/Export.h"
 
 // Upgrades the device's firmware image. The downloaded file is either a tar archive (location
 // ending in ".tar") holding the image and its "manifest", or a bare manifest (location ending in
 // "manifest") whose image stays on the server. The manifest's version decides whether an upgrade
 // is needed and what must happen to the two image slots afterwards; the upgrade itself runs in
 // the update controller, whose termination ends the job.
-class FirmwareProvisioningJob : public UpgradeProvisioningJob {
+class PROV_API FirmwareProvisioningJob : public UpgradeProvisioningJob {
   public:
     FirmwareProvisioningJob(KtEventLoop& loop, const String& name,
                             ProvisioningJob::ReloadType reloadType, bool compare,

@@ -1,6 +1,6 @@
 #include "jobs/upgrade/ScriptProvisioningJob.h"
 
-#include "engine/Monitors.h"
+#include "engine/ProvLog.h"
 #include "jobs/content/FlashFile.h"
 
 namespace {

@@ -1,12 +1,13 @@
 #pragma once
 
 #include "jobs/upgrade/UpgradeProvisioningJob.h"
+#include "platform/Export.h"
 
 // Downloads a script (the "manifest" member of a tar archive, or a bare file whose location ends
 // in "manifest") and has the update controller execute it. The last 20 characters of the script
 // are kept in "/flash/provisioning/<job name>" after each successful run; with the compare flag
 // set, a script whose last 20 characters equal the stored ones is not run again.
-class ScriptProvisioningJob : public UpgradeProvisioningJob {
+class PROV_API ScriptProvisioningJob : public UpgradeProvisioningJob {
   public:
     ScriptProvisioningJob(KtEventLoop& loop, const String& name,
                           ProvisioningJob::ReloadType reloadType, bool compare,

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "engine/Monitors.h"
+#include "engine/ProvLog.h"
 #include "platform/FileNode.h"
 #include "platform/Shell.h"
 #include "platform/UriUtil.h"

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "engine/ProvisioningJob.h"
+#include "platform/Export.h"
 #include "platform/UpdateController.h"
 
 // What the firmware and script jobs share: the choice of flow by the location's name, the
@@ -15,7 +16,8 @@
 // Threading: everything runs on the job's event loop; the controller reports on the loop that
 // started the upgrade, which is the job's. Destroying the job cancels the upgrade's reports: no
 // call reaches the job afterwards.
-class UpgradeProvisioningJob : public ProvisioningJob, protected UpdateController::CallbackHandler {
+class PROV_API UpgradeProvisioningJob : public ProvisioningJob,
+                                        protected UpdateController::CallbackHandler {
   public:
     ~UpgradeProvisioningJob() override;
 

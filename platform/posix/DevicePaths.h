@@ -4,6 +4,9 @@
 #include "platform/String.h"
 #include "platform/XCode.h"
 
+// The host side of the POSIX backend: exported for the simulated device and provctl.
+#pragma GCC visibility push(default)
+
 // Where device paths land on this host. The engine keeps the device's own paths
 // ("/flash/dialplan/x", "/tmp/provisioning/x"); files and the shell map them into the device
 // directory chosen by the host, so that simulated devices never share a work directory:
@@ -39,3 +42,5 @@ bool IS_MAPPED_PATH(const String& devicePath);
 [[nodiscard]] XCode MAKE_DIRECTORIES(const String& hostPath);
 
 }  // namespace Device
+
+#pragma GCC visibility pop

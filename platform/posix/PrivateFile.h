@@ -5,6 +5,9 @@
 #include "platform/String.h"
 #include "platform/XCode.h"
 
+// The host side of the POSIX backend: exported for the simulated device and provctl.
+#pragma GCC visibility push(default)
+
 // Files of the host that may hold secrets (passwords for the HTTP realms): read whole, with the
 // owner and mode of the very file that was read, so that the caller can refuse a file that others
 // may read or change.
@@ -33,3 +36,5 @@ struct Access {
 [[nodiscard]] XCode READ_STANDARD_INPUT(std::size_t maxSize, String& text);
 
 }  // namespace PrivateFile
+
+#pragma GCC visibility pop

@@ -7,6 +7,9 @@
 #include "platform/Shell.h"
 #include "platform/String.h"
 
+// The host side of the POSIX backend: exported for the simulated device and provctl.
+#pragma GCC visibility push(default)
+
 // The host's controls of the shell: the commands' deadline, the host programs that play the
 // device's tools, and waiting for the children still running.
 namespace Kt {
@@ -33,3 +36,5 @@ bool WAIT_FOR_RUNNING_COMMANDS(std::size_t count, std::chrono::milliseconds time
 
 }  // namespace ShellControl
 }  // namespace Kt
+
+#pragma GCC visibility pop

@@ -3,7 +3,11 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+
+#include "platform/posix/ShellControl.h"
 
 namespace Device {
 
@@ -33,6 +37,31 @@ XCode makeWorkDirectory() {
     }
     return XCode::SUCCESS;
 }
+
+// A host built against the installed package sees only the contract, which has no notion of a
+// device directory: PROV_DEVICE_ROOT in its environment names one, laid out when this library is
+// loaded, with BusyBox's applet as the device's tftp. The POSIX backend is a dependency of this
+// library and so initialised before it. A later SET_ROOT (provctl's --device) takes over.
+struct DeviceFromEnvironment {
+    DeviceFromEnvironment() {
+        const char* root = std::getenv(ROOT_VARIABLE);
+        if (root == nullptr || *root == '\0') {
+            return;
+        }
+        SET_ROOT(root);
+        Kt::ShellControl::SET_TOOL("tftp", {"busybox", "tftp"});
+        XCode prepared = MAKE_DIRECTORIES(root);
+        if (prepared.isSuccess()) {
+            prepared = PREPARE();
+        }
+        if (prepared.isErr()) {
+            // No caller to return it to: the jobs then fail on the missing directories.
+            std::fprintf(stderr, "%s=%s: %s\n", ROOT_VARIABLE, root, prepared.toString().c_str());
+        }
+    }
+};
+
+const DeviceFromEnvironment DEVICE_FROM_ENVIRONMENT;
 
 }  // namespace
 

@@ -5,6 +5,9 @@
 #include "platform/Cli.h"
 #include "platform/String.h"
 
+// The simulated device as its hosts (provctl) drive it: exported.
+#pragma GCC visibility push(default)
+
 // The simulated device keeps its configurations in the device directory's config/; its running
 // system appends what it executed to the device directory's running-config.
 namespace CmdExec {
@@ -16,3 +19,5 @@ namespace CmdExec {
 void SET_REJECTED_COMMANDS(std::vector<String> patterns);
 
 }  // namespace CmdExec
+
+#pragma GCC visibility pop

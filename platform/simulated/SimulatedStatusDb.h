@@ -2,6 +2,9 @@
 
 #include "platform/StatusDb.h"
 
+// The simulated device as its hosts (provctl) drive it: exported.
+#pragma GCC visibility push(default)
+
 // The simulated database keeps the provisioning status record in memory and mirrors the location
 // into the device directory's "status/provisioning-location".
 namespace DB {
@@ -15,3 +18,5 @@ class SimulatedProvisioningStatus {
 
 }  // namespace Table
 }  // namespace DB
+
+#pragma GCC visibility pop

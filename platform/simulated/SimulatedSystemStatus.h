@@ -5,6 +5,9 @@
 
 #include "platform/SystemStatus.h"
 
+// The simulated device as its hosts (provctl) drive it: exported.
+#pragma GCC visibility push(default)
+
 // The system-status interface of the simulated device: a busy flag per subsystem, kept in memory
 // and mirrored to <root>/status/subsystem-<n> as "busy" or "idle" (no mirror while no device
 // directory is set). Thread-safe.
@@ -23,3 +26,5 @@ class SimulatedSystemStatus : public ISystemStatus {
     std::map<unsigned int, bool> busy_;
     std::map<unsigned int, unsigned int> changes_;
 };
+
+#pragma GCC visibility pop

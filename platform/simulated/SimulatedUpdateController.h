@@ -5,6 +5,9 @@
 
 #include "platform/UpdateController.h"
 
+// The simulated device as its hosts (provctl) drive it: exported.
+#pragma GCC visibility push(default)
+
 // The simulated update controller works on the device directory: two image slots
 // (slots/1, slots/2) and their state (slots/state, see SlotState.h).
 //
@@ -35,3 +38,5 @@ std::size_t RUNNING_UPGRADES();
 bool WAIT_IDLE(std::chrono::milliseconds timeout);
 
 }  // namespace UpdateController
+
+#pragma GCC visibility pop

@@ -5,6 +5,9 @@
 #include "platform/String.h"
 #include "platform/XCode.h"
 
+// The simulated device as its hosts (provctl) drive it: exported.
+#pragma GCC visibility push(default)
+
 // The state of the simulated device's two image slots, kept in the device directory's
 // "slots/state". Shared by the update controller (which records the version it wrote into a
 // slot) and the host (which applies the job's image action and "restarts" into the next slot).
@@ -45,3 +48,5 @@ struct SlotState {
     // Loads, calls `change`, stores; nothing is written when loading fails.
     [[nodiscard]] static XCode MODIFY(const std::function<void(SlotState&)>& change);
 };
+
+#pragma GCC visibility pop
