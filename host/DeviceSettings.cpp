@@ -293,14 +293,10 @@ XCode APPLY_COMMAND_LINE(const Options& options, DeviceSettings& settings) {
         settings.credentials[realm] = credential;
     }
     if (options.httpsAuthGiven) {
-        std::vector<String> parts = options.httpsAuth.split(',');
-        if (parts.size() != 3) {
-            return usageError("--https-auth %s: expected CA,CERT,KEY", options.httpsAuth);
-        }
         settings.httpsGiven = true;
-        settings.httpsCa = parts[0];
-        settings.httpsCert = parts[1];
-        settings.httpsKey = parts[2];
+        settings.httpsCa = options.caCertificate;
+        settings.httpsCert = options.certificate;
+        settings.httpsKey = options.privateKey;
     }
     return XCode::SUCCESS;
 }

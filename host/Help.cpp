@@ -1,6 +1,7 @@
 #include <map>
 
 #include "host/CommandLine.h"
+#include "host/JobKinds.h"
 
 namespace Provctl {
 
@@ -131,14 +132,23 @@ EXAMPLES
     provctl resolve --set system.hw.major=2 '/fw/$(system.hw.major>=2|new|old)/image.tar'
 )PAGE";
 
-const char* const JOB_OPTIONS = R"PAGE(OPTIONS
-    --device DIR        the simulated device directory (default: per-user, created when missing)
-    --name NAME         job name (default: the command's name); also names the script's
-                        fingerprint file flash/provisioning/NAME, so for script it must be
-                        one file name (not "." or "..", no "/")
-    --compare           compare with the stored copy (or running version) before acting
-    --reload WORD       reload type: immediate, graceful, deferred; anything else means none
-    --set NAME=VALUE    device value for $(...) in locations (repeatable), as for resolve
+const char* const JOB_OPTIONS_HEAD = R"PAGE(OPTIONS
+    --device DIR        the simulated device directory (default: per-user, created when
+                        missing, and named on standard error when it is created); not empty
+    --name NAME         job name (default: the command's name); one file name (not "." or
+                        "..", no "/"): it names the work file tmp/provisioning/NAME and the
+                        script's fingerprint file flash/provisioning/NAME
+)PAGE";
+
+const char* const COMPARE_OPTION =
+    "    --compare           compare with the stored copy (or running version) before acting\n";
+
+const char* const RELOAD_OPTION =
+    "    --reload WORD       reload type after the upgrade: none (the default), immediate,\n"
+    "                        graceful or deferred; any other word is refused\n";
+
+const char* const JOB_OPTIONS_TAIL =
+    R"PAGE(    --set NAME=VALUE    device value for $(...) in locations (repeatable), as for resolve
     --credentials-file FILE
                         HTTP credentials, one REALM:USER:PASSWORD per line (empty lines and
                         lines starting with '#' are skipped); FILE "-" is standard input.
@@ -150,26 +160,41 @@ const char* const JOB_OPTIONS = R"PAGE(OPTIONS
                         empty REALM is the wild-card; the password is everything after the
                         second ':'. Unsafe on a shared host: every user can read a command
                         line (ps, /proc/PID/cmdline); use --credentials-file instead
-    --https-auth CA,CERT,KEY
-                        the CA certificate, client certificate and client key for HTTPS
+    --ca-certificate FILE
+                        the CA certificate that must have issued the HTTPS server's
+                        certificate
+    --certificate FILE  the client certificate offered to an HTTPS server
+    --private-key FILE  the client certificate's key; each FILE is read before the job
+                        starts (missing or unreadable: exit 2); "/flash/..." is a device path
 %s    --json              print the outcome as one JSON object on standard output
-    -v LEVEL            highest monitor level shown on standard error (default 6)
+    -q, --quiet         print the result line only (or the JSON object), no monitor lines
+    -v [LEVEL]          the engine's whole log on standard error: every line up to LEVEL
+                        (0 to 7; without LEVEL 6, every step)
     --help              this page
 
 OUTPUT
-    Without --json a few "key: value" lines, the last one "result: OK" or
-    "result: <message> (<code>)". With --json exactly one object:
+    Standard error shows the transfer-log lines (XFER) and failures (level 3 and below);
+    -v shows every step, -q nothing. Standard output holds "key: value" lines: the job, one
+    "tried: LOCATION[ -> REDIRECT TARGET]: OUTCOME[: REASON]" line per location tried, the
+    job's flags, the status location, on failure "reason: " with the tool's own last error
+    line (such as "tftp: server error: (1) File not found"), and last "result: OK" or
+    "result: <message> (<code>)". With --json exactly one object, whose layout
+    share/provisioning/provctl-result.schema.json gives ("schemaVersion" 1):
     {"ok", "value", "message", "text", "imageAction", "activation", "postUpgrade",
-     "followUp": {"pending", "mode", "command", "arguments"}, "statusLocation"}.
+     "followUp": {"pending", "mode", "command", "arguments"}, "statusLocation",
+     "schemaVersion", "kind", "name", "reason",
+     "locations": [{"location", "outcome", "redirectedTo", "reason", "toolLine"}]}.
     When standard error is a terminal, a download that runs longer than 200 ms shows its
     size so far, its rate and (when the HTTP server sent Content-Length) its percentage on one
-    line below the monitor lines, rewritten in place; nothing of it stays behind.
+    line below the monitor lines, rewritten in place; it is erased before the result is
+    written.
 
 EXIT STATUS
     0   the job succeeded
-    1   the job failed
-    2   usage error (also: a device.toml with passwords, or a credentials file, that others
-        may read or write)
+    1   the job failed, or the result could not be written to standard output
+    2   usage error: an unknown option or value, an option this job does not take, a file
+        of --ca-certificate, --certificate or --private-key that cannot be read (also: a
+        device.toml with passwords, or a credentials file, that others may read or write)
     128+N  interrupted by signal N (any catchable signal that ends a process: SIGINT 130,
         SIGTERM 143, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGALRM, ..., and SIGPIPE 141, also
         when standard output or standard error is a closed pipe): the job's child process
@@ -195,8 +220,7 @@ const std::map<String, JobPage>& jobPages() {
           "    instead; a line that matches a pattern of device.toml's [cli] reject list fails\n"
           "    it with \"EXECUTION FAILED AT LINE <n>: <line>\".\n",
           "    provctl config tftp://127.0.0.1:6969/unit.cfg\n"
-          "    provctl config --compare --reload graceful "
-          "'http://127.0.0.1:8080/$(system.mac).cfg'\n"}},
+          "    provctl config --compare 'http://127.0.0.1:8080/$(system.mac).cfg'\n"}},
         {"upload",
          {"upload the stored startup configuration", "", "",
           "    Uploads DIR/config/startup-config to LOCATION (TFTP only; HTTP and HTTPS uploads\n"
@@ -248,7 +272,15 @@ String jobPage(const String& command, const JobPage& page) {
         "DESCRIPTION\n%s\n    Each LOCATION is tftp://HOST[:PORT]/PATH, http://... or https://...\n"
         "    and may hold $(...) expressions; the locations are tried in order.\n\n",
         command.c_str(), page.summary, command.c_str(), page.synopsisExtra, page.description);
-    text += String::format(JOB_OPTIONS, page.extraOptions);
+    const JobKind* kind = FIND_JOB_KIND(command);
+    text += JOB_OPTIONS_HEAD;
+    if (kind->usesCompare) {
+        text += COMPARE_OPTION;
+    }
+    if (kind->usesReload) {
+        text += RELOAD_OPTION;
+    }
+    text += String::format(JOB_OPTIONS_TAIL, page.extraOptions);
     text += String::format("\nEXAMPLES\n%s", page.examples);
     return text;
 }

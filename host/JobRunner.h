@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "engine/ProvisioningJob.h"
+#include "host/Attempts.h"
 #include "platform/KtEventLoop.h"
 
 namespace Provctl {
@@ -29,6 +30,8 @@ struct JobRequest {
 
 // What the management process reads of a finished job.
 struct JobOutcome {
+    String kind;  // the job kind and name it ran as
+    String name;
     XCode result;
     bool interrupted = false;
     int stopSignal = 0;  // the signal that interrupted the job
@@ -40,6 +43,9 @@ struct JobOutcome {
     String followUpCommand;
     std::vector<String> followUpArguments;
     String statusLocation;
+    // What the job tried, from its monitor lines (filled by the host that watched them).
+    std::vector<Attempt> attempts;
+    String toolLine;  // the tool's last error line of the last failed location
 };
 
 // Builds the job of `request.kind` with its own constructor; null for an unknown kind. The

@@ -4,6 +4,45 @@
 
 namespace Provctl {
 
+namespace {
+
+nlohmann::ordered_json attemptsToJson(const std::vector<Attempt>& attempts) {
+    nlohmann::ordered_json list = nlohmann::ordered_json::array();
+    for (const Attempt& attempt : attempts) {
+        list.push_back({{"location", attempt.location.str()},
+                        {"outcome", attempt.outcome.str()},
+                        {"redirectedTo", attempt.redirectedTo.str()},
+                        {"reason", attempt.reason.str()},
+                        {"toolLine", attempt.toolLine.str()}});
+    }
+    return list;
+}
+
+// "tried: <location>[ -> <redirect target>]: <outcome>[: <reason>]"
+String attemptsToText(const std::vector<Attempt>& attempts) {
+    String text;
+    for (const Attempt& attempt : attempts) {
+        text.concatf("tried: %s", attempt.location.c_str());
+        if (!attempt.redirectedTo.isEmpty()) {
+            text.concatf(" -> %s", attempt.redirectedTo.c_str());
+        }
+        text.concatf(": %s", attempt.outcome.c_str());
+        if (!attempt.reason.isEmpty()) {
+            text.concatf(": %s", attempt.reason.c_str());
+        }
+        text += "\n";
+    }
+    return text;
+}
+
+String resultLine(const JobOutcome& outcome) {
+    return outcome.result.isSuccess()
+               ? String("result: OK\n")
+               : String::format("result: %s\n", outcome.result.toString().c_str());
+}
+
+}  // namespace
+
 nlohmann::ordered_json OUTCOME_TO_JSON(const JobOutcome& outcome) {
     nlohmann::ordered_json arguments = nlohmann::ordered_json::array();
     for (const String& argument : outcome.followUpArguments) {
@@ -23,12 +62,21 @@ nlohmann::ordered_json OUTCOME_TO_JSON(const JobOutcome& outcome) {
           {"command", outcome.followUpCommand.str()},
           {"arguments", arguments}}},
         {"statusLocation", outcome.statusLocation.str()},
+        {"schemaVersion", RESULT_SCHEMA_VERSION},
+        {"kind", outcome.kind.str()},
+        {"name", outcome.name.str()},
+        {"reason", outcome.result.isSuccess() ? std::string() : outcome.toolLine.str()},
+        {"locations", attemptsToJson(outcome.attempts)},
     };
 }
 
-String OUTCOME_TO_TEXT(const String& name, const JobOutcome& outcome) {
+String OUTCOME_TO_TEXT(const String& name, const JobOutcome& outcome, bool quiet) {
+    if (quiet) {
+        return RTD::Monitor::ESCAPE_CONTROLS(resultLine(outcome));
+    }
     String text;
     text.concatf("job: %s\n", name.c_str());
+    text += attemptsToText(outcome.attempts);
     text.concatf("image action: %s\n",
                  ProvisioningJob::IMAGE_ACTION_TO_STRING(outcome.imageAction));
     text.concatf("activation: %s\n", outcome.activation ? "yes" : "no");
@@ -42,11 +90,10 @@ String OUTCOME_TO_TEXT(const String& name, const JobOutcome& outcome) {
         text += "\n";
     }
     text.concatf("status location: %s\n", outcome.statusLocation.c_str());
-    if (outcome.result.isSuccess()) {
-        text += "result: OK\n";
-    } else {
-        text.concatf("result: %s\n", outcome.result.toString().c_str());
+    if (outcome.result.isErr() && !outcome.toolLine.isEmpty()) {
+        text.concatf("reason: %s\n", outcome.toolLine.c_str());
     }
+    text += resultLine(outcome);
     // The result and the status location may come from a server (a status line, a redirect).
     return RTD::Monitor::ESCAPE_CONTROLS(text);
 }

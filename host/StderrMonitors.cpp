@@ -1,6 +1,7 @@
 #include "host/StderrMonitors.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "engine/Monitors.h"
 #include "host/Progress.h"
@@ -16,15 +17,20 @@ namespace {
 // Beyond a command's deadline: the end of the step around it.
 constexpr std::chrono::minutes GRACE{1};
 
-RTD::Monitor::Sink makeSink(int level, const StderrMonitors::Observer& observer) {
-    return [level, observer](const RTD::Monitor& monitor, int lineLevel, const String& line) {
+RTD::Monitor::Sink makeSink(const StderrMonitors::Filter& written,
+                            const StderrMonitors::Observer& observer) {
+    return [written, observer](const RTD::Monitor& monitor, int lineLevel, const String& line) {
         if (observer) {
             observer(monitor.getName(), lineLevel, line);
         }
-        if (lineLevel <= level) {
+        if (written(monitor.getName(), lineLevel)) {
             Stderr::WRITE(StderrMonitors::FORMAT(monitor.getName(), lineLevel, line));
         }
     };
+}
+
+StderrMonitors::Filter upTo(int level) {
+    return [level](const String&, int lineLevel) { return lineLevel <= level; };
 }
 
 int enabledLevel(int level, const StderrMonitors::Observer& observer) {
@@ -34,9 +40,12 @@ int enabledLevel(int level, const StderrMonitors::Observer& observer) {
 }  // namespace
 
 StderrMonitors::StderrMonitors(int level, Observer observer)
-    : prov_("PROV", enabledLevel(level, observer), makeSink(level, observer)),
-      xfer_("XFER", enabledLevel(level, observer), makeSink(level, observer)),
-      event_("EVENT", enabledLevel(level, observer), makeSink(level, observer)) {
+    : StderrMonitors(level, upTo(level), std::move(observer)) {}
+
+StderrMonitors::StderrMonitors(int level, Filter written, Observer observer)
+    : prov_("PROV", enabledLevel(level, observer), makeSink(written, observer)),
+      xfer_("XFER", enabledLevel(level, observer), makeSink(written, observer)),
+      event_("EVENT", enabledLevel(level, observer), makeSink(written, observer)) {
     MON_PROV = &prov_;
     MON_XFER = &xfer_;
     MON_EVENT = &event_;

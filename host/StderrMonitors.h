@@ -17,9 +17,15 @@ class StderrMonitors {
     // called on the logging thread (any thread), so it must be thread-safe and quick.
     using Observer = std::function<void(const String& tag, int level, const String& text)>;
 
+    // Whether a line of the monitor `tag` at `level` is written to standard error.
+    using Filter = std::function<bool(const String& tag, int level)>;
+
     // Lines up to `level` are written. With an observer the monitors take every line up to at
     // least the progress level 6, and those above `level` only reach the observer.
     explicit StderrMonitors(int level, Observer observer = nullptr);
+    // The monitors take every line up to `enabledLevel` (at least 6 with an observer); those that
+    // `written` accepts are written.
+    StderrMonitors(int enabledLevel, Filter written, Observer observer);
     ~StderrMonitors();
     StderrMonitors(const StderrMonitors&) = delete;
     StderrMonitors& operator=(const StderrMonitors&) = delete;

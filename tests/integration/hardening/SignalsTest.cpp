@@ -37,7 +37,8 @@ class SignalsTest : public ::testing::TestWithParam<int> {
     }
 
     std::vector<std::string> provctlArguments(const std::string& location) const {
-        return {PROV_PROVCTL,           "config", "--device", device.path(), "--credential",
+        // -v: the engine's steps are written as they happen, the first one at the start.
+        return {PROV_PROVCTL,           "config", "-v", "--device", device.path(), "--credential",
                 "dev:user:" + password, location};
     }
     std::string workFile() const {

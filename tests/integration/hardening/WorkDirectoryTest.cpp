@@ -124,8 +124,8 @@ TEST(WorkDirectoryPerDeviceTest, twoDevicesAtOnceNeverSeeEachOthersWorkFilesOrMa
         int errFd = ::open(errPaths.back().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
         int nullFd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
         SpawnSpec spec;
-        spec.argv = {PROV_PROVCTL, "firmware", "--device", devices[i]->path(),
-                     servers[i]->url("/fw.tar")};
+        spec.argv = {PROV_PROVCTL, "firmware",         "-v",
+                     "--device",   devices[i]->path(), servers[i]->url("/fw.tar")};
         spec.env = {"PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin", "LC_ALL=C",
                     "HOME=" + logs.path()};
         spec.fds = {{0, nullFd}, {1, nullFd}, {2, errFd}};

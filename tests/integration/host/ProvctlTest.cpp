@@ -299,7 +299,12 @@ TEST_F(ProvctlTest, jsonOutcomeHasEveryFieldWithItsType) {
     ASSERT_EQ(std::count(run.out.begin(), run.out.end(), '\n'), 1) << run.out;
     nlohmann::json object = parseJson(run);
     ASSERT_TRUE(object.is_object());
-    EXPECT_EQ(object.size(), 9U) << object.dump();
+    EXPECT_EQ(object.size(), 14U) << object.dump();
+    EXPECT_EQ(object["schemaVersion"], 1);
+    EXPECT_EQ(object["kind"], "cdr-upload");
+    EXPECT_EQ(object["name"], "cdr-upload");
+    EXPECT_EQ(object["reason"], "");
+    EXPECT_EQ(object["locations"], nlohmann::json::array());
     EXPECT_EQ(object["ok"], false);
     EXPECT_EQ(object["value"], 0x7FFFFFFF);
     EXPECT_EQ(object["message"], "NOT IMPLEMENTED");
@@ -317,7 +322,8 @@ TEST_F(ProvctlTest, jsonOutcomeHasEveryFieldWithItsType) {
 }
 
 TEST_F(ProvctlTest, unsupportedProtocolFailsAndLogsOnStderr) {
-    Outcome run = provctl({"config", "--json", "--device", device(), "ftp://127.0.0.1/x.cfg"});
+    Outcome run =
+        provctl({"config", "-v", "--json", "--device", device(), "ftp://127.0.0.1/x.cfg"});
     EXPECT_EQ(run.status, 1);
     nlohmann::json object = parseJson(run);
     EXPECT_EQ(object["message"], "PROTOCOL FTP NOT SUPPORTED");
@@ -335,12 +341,13 @@ TEST_F(ProvctlTest, monitorLevelHidesProgressLines) {
 }
 
 TEST_F(ProvctlTest, jobNameDefaultsToTheKindAndCanBeSet) {
-    Outcome run = provctl({"key", "--name", "mykey", "--device", device(), "ftp://127.0.0.1/k"});
+    Outcome run =
+        provctl({"key", "-v", "--name", "mykey", "--device", device(), "ftp://127.0.0.1/k"});
     EXPECT_TRUE(contains(run.err, "[mykey] Starting execution")) << run.err;
 }
 
 TEST_F(ProvctlTest, jobPreparesTheDeviceDirectory) {
-    Outcome run = provctl({"key", "--device", device(), "ftp://127.0.0.1/k"});
+    Outcome run = provctl({"key", "-v", "--device", device(), "ftp://127.0.0.1/k"});
     EXPECT_EQ(run.status, 1);
     for (const char* sub : {"/flash/dialplan", "/flash/preferences", "/flash/wizard",
                             "/flash/provisioning", "/config", "/slots", "/status"}) {
@@ -364,7 +371,8 @@ TEST_F(ProvctlTest, defaultDeviceDirectoryWithoutXdgIsUnderHome) {
 
 TEST_F(ProvctlTest, expressionInLocationIsResolvedWithDeviceValues) {
     writeFile(device() + "/device.toml", "[values]\n\"system.mac\" = \"00a0ba0b0c0d\"\n");
-    Outcome run = provctl({"config", "--device", device(), "ftp://127.0.0.1/$(system.mac).cfg"});
+    Outcome run =
+        provctl({"config", "-v", "--device", device(), "ftp://127.0.0.1/$(system.mac).cfg"});
     EXPECT_TRUE(contains(run.err, "Location resolved to ftp://127.0.0.1/00a0ba0b0c0d.cfg"))
         << run.err;
 }
@@ -393,7 +401,7 @@ class ProvctlTftpTest : public ProvctlTest {
 TEST_F(ProvctlTftpTest, configIsStoredAsStartupConfigWithAnXferLine) {
     const std::string name = unique("unit") + ".cfg";
     server_.put(name, VALID_CONFIG);
-    Outcome run = provctl({"config", "--device", device(), url(name)});
+    Outcome run = provctl({"config", "-v", "--device", device(), url(name)});
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(lastLine(run.out), "result: OK") << run.out;
     EXPECT_EQ(readFile(device() + "/config/startup-config"), VALID_CONFIG);
@@ -408,10 +416,11 @@ TEST_F(ProvctlTftpTest, configIsStoredAsStartupConfigWithAnXferLine) {
 TEST_F(ProvctlTftpTest, secondConfigRunWithCompareStoresNothingAndWritesNoXferLine) {
     const std::string name = unique("unit") + ".cfg";
     server_.put(name, VALID_CONFIG);
-    Outcome first = provctl({"config", "--device", device(), url(name)});
+    Outcome first = provctl({"config", "-v", "--device", device(), url(name)});
     ASSERT_EQ(first.status, 0) << first.err;
     const std::string stored = device() + "/config/startup-config";
-    Outcome second = provctl({"config", "--compare", "--json", "--device", device(), url(name)});
+    Outcome second =
+        provctl({"config", "-v", "--compare", "--json", "--device", device(), url(name)});
     EXPECT_EQ(second.status, 0) << second.err;
     EXPECT_FALSE(contains(second.err, "XFER ")) << second.err;
     EXPECT_TRUE(contains(second.err, "Downloaded and stored configurations are equal"))
@@ -628,7 +637,7 @@ class ProvctlCreatedTest : public ProvctlTest {
 };
 
 TEST_F(ProvctlCreatedTest, configIsExecutedIntoRunningConfigWithItsIndentation) {
-    Outcome run = provctl({"config", "--device", device(), url()});
+    Outcome run = provctl({"config", "-v", "--device", device(), url()});
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(lastLine(run.out), "result: OK") << run.out;
     EXPECT_TRUE(contains(run.out, "activation: no\n")) << run.out;
@@ -687,8 +696,9 @@ TEST_F(ProvctlTftpTest, firmwareIsWrittenAndASecondRunFindsItRunning) {
     putArchive(server_, name,
                {{"manifest", "sw_type=X\nsw_version=1.2\nsw_build_num=7\n"},
                 {"image", "the image bytes"}});
-    const std::vector<std::string> args = {"firmware", "--reload", "immediate", "--compare",
-                                           "--json",   "--device", device(),    url(name)};
+    const std::vector<std::string> args = {"firmware",  "-v",        "--reload",
+                                           "immediate", "--compare", "--json",
+                                           "--device",  device(),    url(name)};
     Outcome first = provctl(args);
     EXPECT_EQ(first.status, 0) << first.err;
     nlohmann::json object = parseJson(first);
@@ -725,8 +735,8 @@ TEST_F(ProvctlTftpTest, firmwareWithoutReloadKeepsTheRunningSlot) {
 TEST_F(ProvctlTftpTest, scriptRunsOnceAndSetsNextToTheInactiveSlot) {
     const std::string name = unique("boot") + ".tar";
     putArchive(server_, name, {{"manifest", "hostname provisioned-unit\n"}});
-    const std::vector<std::string> args = {"script", "--compare", "--json", "--name",
-                                           "boot",   "--device",  device(), url(name)};
+    const std::vector<std::string> args = {"script", "-v",       "--compare", "--json", "--name",
+                                           "boot",   "--device", device(),    url(name)};
     Outcome first = provctl(args);
     EXPECT_EQ(first.status, 0) << first.err;
     nlohmann::json object = parseJson(first);
@@ -755,6 +765,7 @@ TEST_F(ProvctlTest, terminationSignalStopsTheRunningTransfer) {
         "exec \"$0\" \"$@\" 2>&1",
         PROV_PROVCTL,
         "config",
+        "-v",
         "--device",
         device(),
         "tftp://127.0.0.1:" + std::to_string(silent.port()) + "/" + unique("silent") + ".cfg"};
