@@ -1,15 +1,15 @@
-// libFuzzer target for Kt::Shell::SPLIT_WORDS, the word splitter behind every command the
-// platform shell runs.
+// libFuzzer target for the platform shell's two halves: Kt::Shell::SPLIT_WORDS, the word splitter
+// behind every command the platform runs, and Kt::Shell::JOIN_WORDS, the one builder of command
+// lines, which every caller (tftp, wget, tar, the update controller's fetches) uses.
 //
 // Input: a command line. Checked:
 // - the words hold no '"' (quotes only group); without quotes they are the non-empty pieces
 //   between blanks and tabs;
-// - joining the words as the HTTP client builds wget's command line (" \"%s\"" for a word holding
-//   a blank or a tab, " %s" otherwise) splits back to the same words, but for empty words, which
-//   that join writes as nothing and so loses (the client's arguments are never empty but for an
-//   empty URL); quoting empty words as well keeps them.
-// The same is checked for the input read as a list of words separated by NUL, less any '"' (which
-// WgetUtil::buildArgs refuses in an argument).
+// - JOIN_WORDS of those words is accepted (unless one holds a NUL) and splits back to exactly the
+//   same words, and joining again gives the same line;
+// The input is also read as a list of words separated by NUL: JOIN_WORDS refuses the list exactly
+// when a word holds a '"' (leaving its output as it was), and otherwise splits back to the list,
+// empty words and blanks included.
 
 #include <cstddef>
 #include <cstdint>
@@ -25,20 +25,6 @@ void check(bool condition) {
     if (!condition) {
         std::abort();
     }
-}
-
-bool holdsBlank(const std::string& word) {
-    return word.find(' ') != std::string::npos || word.find('\t') != std::string::npos;
-}
-
-// The HTTP client's join; `quoteEmpty` also writes an empty word as "".
-std::string join(const std::vector<std::string>& words, bool quoteEmpty) {
-    std::string line = "wget";
-    for (const std::string& word : words) {
-        bool quote = holdsBlank(word) || (quoteEmpty && word.empty());
-        line += quote ? " \"" + word + "\"" : " " + word;
-    }
-    return line;
 }
 
 // Without quotes, the words are the non-empty pieces between blanks and tabs.
@@ -69,22 +55,35 @@ std::vector<std::string> split(const std::string& line) {
     return words;
 }
 
-void checkRoundTrip(const std::vector<std::string>& words) {
-    std::vector<std::string> withProgram{"wget"};
-    std::vector<std::string> nonEmpty{"wget"};
+std::vector<String> toStrings(const std::vector<std::string>& words) {
+    std::vector<String> strings;
     for (const std::string& word : words) {
-        withProgram.push_back(word);
-        if (!word.empty()) {
-            nonEmpty.push_back(word);
-        }
+        strings.emplace_back(word);
     }
-    const std::string line = join(words, false);
-    check(split(line) == nonEmpty);
-    check(split(join(words, true)) == withProgram);
-    // Without empty words, joining what came back gives the same line again.
-    if (nonEmpty.size() == withProgram.size()) {
-        check(join(std::vector<std::string>(nonEmpty.begin() + 1, nonEmpty.end()), false) == line);
+    return strings;
+}
+
+// JOIN_WORDS refuses exactly the lists with a '"' or a NUL in a word; what it accepts splits back.
+void checkRoundTrip(const std::vector<std::string>& words) {
+    bool passable = !words.empty();
+    for (const std::string& word : words) {
+        passable =
+            passable && word.find('"') == std::string::npos && word.find('\0') == std::string::npos;
     }
+    String line("unchanged");
+    const XCode joined = Kt::Shell::JOIN_WORDS(toStrings(words), line);
+    if (words.empty()) {
+        return;
+    }
+    check(joined.isSuccess() == passable);
+    if (!passable) {
+        check(line == "unchanged");
+        return;
+    }
+    check(split(line.str()) == words);
+    String again;
+    check(Kt::Shell::JOIN_WORDS(Kt::Shell::SPLIT_WORDS(line), again).isSuccess());
+    check(again == line);
 }
 
 }  // namespace
@@ -107,7 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (c == '\0') {
             listed.push_back(word);
             word.clear();
-        } else if (c != '"') {
+        } else {
             word += c;
         }
     }

@@ -97,6 +97,12 @@ class Shell {
                                        const Limits& limits);
 
     static std::vector<String> SPLIT_WORDS(const String& commandLine);
+    // The one way to build a command line: the line that SPLIT_WORDS splits into exactly
+    // `words`, each word as it is, in double quotes when it is empty or holds a blank or a tab.
+    // A word holding a double quote (which the splitting removes) or a NUL (which no program
+    // receives) cannot be passed: refused with "ARGUMENT CANNOT BE PASSED TO <first word>:
+    // <word>" (control characters escaped), `commandLine` left as it was.
+    [[nodiscard]] static XCode JOIN_WORDS(const std::vector<String>& words, String& commandLine);
 };
 
 }  // namespace Kt

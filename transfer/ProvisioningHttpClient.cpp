@@ -94,12 +94,15 @@ XCode ProvisioningHttpClient::getHttpHttpsInBackground(const String& url, const 
     std::vector<String> args;
     result = WgetUtil::buildArgs(true, url, user, password, outFile, https1, https2, https3, false,
                                  args, String::s_empty);
+    String commandLine;
     if (result.isSuccess()) {
-        String commandLine("wget");
-        for (const String& arg : args) {
-            bool quote = arg.indexOf(' ') >= 0 || arg.indexOf('\t') >= 0;
-            commandLine.concatf(quote ? " \"%s\"" : " %s", arg.c_str());
+        args.insert(args.begin(), "wget");
+        result = Kt::Shell::JOIN_WORDS(args, commandLine);
+        if (result.isErr()) {
+            WgetUtil::RELEASE_SECRETS(args);
         }
+    }
+    if (result.isSuccess()) {
         ProvLog::progress("[%s/HTTP] Invoke wget with cmdline: %s", name.c_str(),
                           commandLine.c_str());
 

@@ -43,15 +43,13 @@ XCode refuseWhatTftpCannotSend(const UriUtil::Login& login, const String& remote
     return testExpression(true);
 }
 
-String tftpCommandLine(const char* direction, const String& localFile, const String& remotePath,
-                       const String& host, unsigned int port) {
-    // Nothing is quoted here: the platform shell splits words on blanks and never runs a shell.
-    String commandLine = String::format("tftp %s -l %s -r %s %s", direction, localFile.c_str(),
-                                        remotePath.c_str(), host.c_str());
+XCode tftpCommandLine(const char* direction, const String& localFile, const String& remotePath,
+                      const String& host, unsigned int port, String& commandLine) {
+    std::vector<String> words = {"tftp", direction, "-l", localFile, "-r", remotePath, host};
     if (port != 0) {
-        commandLine.concatf(" %u", port);
+        words.push_back(String::format("%u", port));
     }
-    return commandLine;
+    return Kt::Shell::JOIN_WORDS(words, commandLine);
 }
 
 }  // namespace
@@ -75,7 +73,12 @@ XCode ProvisioningJob::startFileDownloadTftp(unsigned int tftpPort, const String
     ProvLog::progress("[%s]   From: %s", name.c_str(), uri.c_str());
     ProvLog::progress("[%s]   To:   %s", name.c_str(), outFile.c_str());
 
-    String commandLine = tftpCommandLine("-g", outFile, remotePath, tftpHost, tftpPort);
+    String commandLine;
+    result = tftpCommandLine("-g", outFile, remotePath, tftpHost, tftpPort, commandLine);
+    if (result.isErr()) {
+        removeOutFile();
+        return result;
+    }
     tftpResultCallback = Kt::Shell::ResultCallback(
         Kt::asyncCall(eventLoop),
         [this](XCode code, String out) { onFileDownloadTftpResult(code, out); });
@@ -106,7 +109,11 @@ XCode ProvisioningJob::startFileUploadTftp(unsigned int tftpPort, const String& 
     ProvLog::progress("[%s]   From: %s", name.c_str(), outFile.c_str());
     ProvLog::progress("[%s]   To:   %s", name.c_str(), uri.c_str());
 
-    String commandLine = tftpCommandLine("-p", outFile, remotePath, tftpHost, tftpPort);
+    String commandLine;
+    refused = tftpCommandLine("-p", outFile, remotePath, tftpHost, tftpPort, commandLine);
+    if (refused.isErr()) {
+        return refused;
+    }
     tftpResultCallback = Kt::Shell::ResultCallback(
         Kt::asyncCall(eventLoop),
         [this](XCode code, String out) { onFileUploadTftpResult(code, out); });

@@ -73,8 +73,12 @@ XCode UpgradeProvisioningJob::readArchiveManifest(String& text) const {
     // checks every member of the archive before it extracts anything itself. The file-size
     // limit stops a member that expands without end (a compressed archive of a few KiB can
     // hold gigabytes) as soon as it passes the manifest cap.
-    String command =
-        String::format("tar xf %s -C %s %s", outFile.c_str(), EXTRACT_DIRECTORY, "manifest");
+    String command;
+    result =
+        Kt::Shell::JOIN_WORDS({"tar", "xf", outFile, "-C", EXTRACT_DIRECTORY, "manifest"}, command);
+    if (result.isErr()) {
+        return result;
+    }
     Kt::Shell::Limits limits;
     limits.fileSize = FileNode::MANIFEST_CAP();
     result = Kt::Shell::execute(command, nullptr, limits);

@@ -14,6 +14,7 @@
 #include <map>
 #include <mutex>
 
+#include "platform/Monitor.h"
 #include "platform/posix/DevicePaths.h"
 #include "platform/posix/ProcessReactor.h"
 #include "platform/posix/ProcessSpawn.h"
@@ -259,6 +260,24 @@ std::vector<String> Shell::SPLIT_WORDS(const String& commandLine) {
         words.push_back(word);
     }
     return words;
+}
+
+XCode Shell::JOIN_WORDS(const std::vector<String>& words, String& commandLine) {
+    String joined;
+    for (const String& word : words) {
+        if (word.indexOf('"') >= 0 || word.indexOf('\0') >= 0) {
+            XCode refused(XCode::GENERIC_FAILURE);
+            return refused.setStringF("ARGUMENT CANNOT BE PASSED TO %s: %s", words.front().c_str(),
+                                      RTD::Monitor::ESCAPE_CONTROLS(word).c_str());
+        }
+        const bool quote = word.isEmpty() || word.indexOf(' ') >= 0 || word.indexOf('\t') >= 0;
+        if (!joined.isEmpty()) {
+            joined += " ";
+        }
+        joined += quote ? String("\"") + word + "\"" : word;
+    }
+    commandLine = joined;
+    return XCode(XCode::SUCCESS);
 }
 
 void ShellControl::SET_TOOL(const String& name, const std::vector<String>& replacementPrefix) {

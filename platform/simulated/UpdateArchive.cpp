@@ -40,8 +40,8 @@ bool isUnsafeMember(const String& member) {
 XCode listArchive(const String& archive, bool& hasManifest, bool& hasImage) {
     // C quoting puts every name in double quotes, so that tar's own diagnostics (which share
     // the output) cannot be taken for member names.
-    String command = "tar --quoting-style=c -t -f";
-    if (!appendWord(command, archive)) {
+    String command;
+    if (Kt::Shell::JOIN_WORDS({"tar", "--quoting-style=c", "-t", "-f", archive}, command).isErr()) {
         return failure("INVALID ARCHIVE NAME %s", archive.c_str());
     }
     String listing;
@@ -85,13 +85,16 @@ XCode EXTRACT_ARCHIVE(StepContext& context, const String& archive, const String&
     // The directory is the upgrade's own and fresh; only the two named members are extracted.
     // Neither word holds a double quote: the archive's was checked by the listing, and the
     // directory's name is mkdtemp's.
-    String command = "tar xf";
-    static_cast<void>(appendWord(command, archive));
-    command += " -C";
-    static_cast<void>(appendWord(command, directory));
-    command += hasImage ? " manifest image" : " manifest";
+    std::vector<String> words = {"tar", "xf", archive, "-C", directory, "manifest"};
+    if (hasImage) {
+        words.push_back("image");
+    }
+    String command;
+    result = Kt::Shell::JOIN_WORDS(words, command);
     String output;
-    result = Kt::Shell::execute(command, &output);
+    if (result.isSuccess()) {
+        result = Kt::Shell::execute(command, &output);
+    }
     if (result.isErr()) {
         return result.setStringF("CANNOT EXTRACT ARCHIVE %s: %s", archive.c_str(),
                                  describeToolFailure(result, output).c_str());

@@ -24,17 +24,14 @@ bool mayCarryCredentials(const Request& request, const String& uri) {
            origin == allowed;
 }
 
-// tftp's device form, every variable word quoted; false when a word cannot be.
+// tftp's device form; false when a word cannot be passed.
 bool tftpCommand(const String& localFile, const String& path, const String& host, unsigned int port,
                  String& command) {
-    command = "tftp -g -l";
-    bool valid = appendWord(command, localFile);
-    command += " -r";
-    valid = valid && appendWord(command, path) && appendWord(command, host);
+    std::vector<String> words = {"tftp", "-g", "-l", localFile, "-r", path, host};
     if (port != 0) {
-        command.concatf(" %u", port);
+        words.push_back(String::format("%u", port));
     }
-    return valid;
+    return Kt::Shell::JOIN_WORDS(words, command).isSuccess();
 }
 
 // wget with the HTTPS settings and, where they may go, the credentials. A fetch with credentials
@@ -50,11 +47,9 @@ XCode wgetCommand(const Request& request, const String& uri, bool https, bool wi
     if (result.isErr()) {
         return result.setStringF("CANNOT FETCH %s: %s", uri.c_str(), result.getString().c_str());
     }
-    command = "wget";
-    bool valid = true;
-    for (const String& arg : wgetArgs) {
-        valid = valid && appendWord(command, arg);
-    }
+    std::vector<String> words = wgetArgs;
+    words.insert(words.begin(), "wget");
+    const bool valid = Kt::Shell::JOIN_WORDS(words, command).isSuccess();
     return valid ? result : failure("CANNOT FETCH %s: INVALID CHARACTER IN LOCATION", uri.c_str());
 }
 

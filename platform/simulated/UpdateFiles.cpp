@@ -53,16 +53,6 @@ String describeToolFailure(const XCode& result, const String& output) {
     return detail.isEmpty() ? result.toString() : result.toString() + ": " + detail;
 }
 
-bool appendWord(String& commandLine, const String& word) {
-    if (word.indexOf('"') >= 0) {
-        return false;
-    }
-    commandLine += " \"";
-    commandLine += word;
-    commandLine += "\"";
-    return true;
-}
-
 XCode WorkDirectory::create() {
     String hostTemplate;
     XCode result = Device::MAP_PATH_CHECKED(WORK_DIRECTORY_TEMPLATE, hostTemplate);

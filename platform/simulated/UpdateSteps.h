@@ -37,9 +37,6 @@ constexpr const char* ARCHIVE_PREFIX = "file:";
 [[nodiscard]] XCode systemFailure(int error, const char* what, const String& path);
 // A tool's failure: its result, then the last non-empty line it printed.
 String describeToolFailure(const XCode& result, const String& output);
-// Appends `word` as one word for the shell's word splitter (double quotes group). A word that
-// holds a double quote cannot be passed: false.
-[[nodiscard]] bool appendWord(String& commandLine, const String& word);
 
 // ---- Files ----
 
