@@ -21,6 +21,7 @@
 #include "platform/simulated/DeviceDirectory.h"
 #include "platform/simulated/SimulatedCmdExec.h"
 #include "platform/simulated/SimulatedSystemStatus.h"
+#include "platform/simulated/SlotState.h"
 
 namespace Provctl {
 
@@ -100,6 +101,18 @@ bool checkScriptName(const Options& options) {
     return false;
 }
 
+// The slot state is read before anything is created or run: a file edited into a state that the
+// device cannot have (a third slot, a misspelt key) is a usage error. False (message printed) then.
+bool checkSlotState() {
+    SlotState slots;
+    XCode result = SlotState::LOAD(slots);
+    if (result.isErr()) {
+        printError(result);
+        return false;
+    }
+    return true;
+}
+
 int runJob(const Options& options) {
     if (!checkScriptName(options)) {
         return EXIT_USAGE;
@@ -133,6 +146,9 @@ int runJob(const Options& options) {
 
     // Usage errors come first: a command line that is refused creates nothing.
     Device::SET_ROOT(directory);
+    if (!checkSlotState()) {
+        return EXIT_USAGE;
+    }
     CmdExec::SET_REJECTED_COMMANDS(settings.rejectedCommands);
     XCode prepared = Device::MAKE_DIRECTORIES(directory);
     if (prepared.isSuccess()) {
