@@ -41,6 +41,34 @@ int expressionCount(const String& text) {
     return found;
 }
 
+struct NamedValue {
+    const char* name;
+    String ExpressionResolver::*value;
+};
+
+// The names that hosts fill, in the order of the manual.
+const NamedValue VALUES[] = {
+    {"system.mac", &ExpressionResolver::macAddress},
+    {"system.serial", &ExpressionResolver::serialNumber},
+    {"dhcp.66", &ExpressionResolver::tftpServer},
+    {"dhcp.67", &ExpressionResolver::tftpFileName},
+    {"system.hw.major", &ExpressionResolver::hwMajor},
+    {"system.hw.minor", &ExpressionResolver::hwMinor},
+    {"system.sw.major", &ExpressionResolver::swMajor},
+    {"system.sw.minor", &ExpressionResolver::swMinor},
+    {"system.sw.build", &ExpressionResolver::swBuild},
+    {"system.sw.date", &ExpressionResolver::swDate},
+    {"system.product.name", &ExpressionResolver::productName},
+    {"system.product.basename", &ExpressionResolver::productBaseName},
+    {"cli.major", &ExpressionResolver::cliMajorVersion},
+    {"cli.minor", &ExpressionResolver::cliMinorVersion},
+    {"model", &ExpressionResolver::modelName},
+    {"oem", &ExpressionResolver::oemName},
+    {"hw.version", &ExpressionResolver::hwVersion},
+    {"hw.revision", &ExpressionResolver::hwRevision},
+    {"sw.version", &ExpressionResolver::swVersion},
+};
+
 }  // namespace
 
 ExpressionResolver::ExpressionResolver() = default;
@@ -317,35 +345,14 @@ XCode ExpressionResolver::getSwVersion(String& value) const {
 }
 
 String* ExpressionResolver::VALUE_BY_NAME(ExpressionResolver& resolver, const String& name) {
-    struct NamedValue {
-        const char* name;
-        String ExpressionResolver::*value;
-    };
-    static const NamedValue VALUES[] = {
-        {"system.mac", &ExpressionResolver::macAddress},
-        {"system.serial", &ExpressionResolver::serialNumber},
-        {"dhcp.66", &ExpressionResolver::tftpServer},
-        {"dhcp.67", &ExpressionResolver::tftpFileName},
-        {"system.hw.major", &ExpressionResolver::hwMajor},
-        {"system.hw.minor", &ExpressionResolver::hwMinor},
-        {"system.sw.major", &ExpressionResolver::swMajor},
-        {"system.sw.minor", &ExpressionResolver::swMinor},
-        {"system.sw.build", &ExpressionResolver::swBuild},
-        {"system.sw.date", &ExpressionResolver::swDate},
-        {"system.product.name", &ExpressionResolver::productName},
-        {"system.product.basename", &ExpressionResolver::productBaseName},
-        {"cli.major", &ExpressionResolver::cliMajorVersion},
-        {"cli.minor", &ExpressionResolver::cliMinorVersion},
-        {"model", &ExpressionResolver::modelName},
-        {"oem", &ExpressionResolver::oemName},
-        {"hw.version", &ExpressionResolver::hwVersion},
-        {"hw.revision", &ExpressionResolver::hwRevision},
-        {"sw.version", &ExpressionResolver::swVersion},
-    };
     for (const NamedValue& entry : VALUES) {
         if (name == entry.name) {
             return &(resolver.*entry.value);
         }
     }
     return nullptr;
+}
+
+const char* ExpressionResolver::VALUE_NAME_AT(std::size_t index) {
+    return index < sizeof VALUES / sizeof VALUES[0] ? VALUES[index].name : nullptr;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+
 #include "platform/Export.h"
 #include "platform/String.h"
 #include "platform/XCode.h"
@@ -103,6 +105,8 @@ class PROV_API ExpressionResolver {
     // without one, "model", "oem", "hw.version", "hw.revision", "sw.version". Null for any other
     // name, the reserved "-encrypted" names included.
     static String* VALUE_BY_NAME(ExpressionResolver& resolver, const String& name);
+    // The names that VALUE_BY_NAME knows, one per index from 0; null past the last.
+    static const char* VALUE_NAME_AT(std::size_t index);
 
     // The device values, written by the owner, all empty after construction.
     String macAddress;       // "system.mac"

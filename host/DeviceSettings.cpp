@@ -1,9 +1,8 @@
 #include "host/DeviceSettings.h"
 
-#include <toml++/toml.h>
 #include <cstdlib>
-#include <string>
 
+#include "host/DeviceFile.h"
 #include "platform/posix/PrivateFile.h"
 
 namespace Provctl {
@@ -17,128 +16,6 @@ XCode usageError(const char* format, const String& a, const String& b = String()
     XCode error(XCode::GENERIC_FAILURE);
     error.setStringF(format, a.c_str(), b.c_str());
     return error;
-}
-
-// Keys written unquoted (system.mac = "x") arrive as nested tables; both spellings name the
-// same value.
-XCode collectValues(const toml::table& table, const String& prefix, const String& path,
-                    DeviceSettings& settings) {
-    for (const auto& [key, node] : table) {
-        String name = prefix + String(std::string(key.str()));
-        if (const toml::table* nested = node.as_table()) {
-            XCode result = collectValues(*nested, name + ".", path, settings);
-            if (result.isErr()) {
-                return result;
-            }
-            continue;
-        }
-        const std::optional<std::string> value = node.value<std::string>();
-        if (!node.is_string() || !value) {
-            return usageError("%s: [values] %s is not a string", path, name);
-        }
-        settings.values.emplace_back(name, String(*value));
-    }
-    return XCode::SUCCESS;
-}
-
-String stringField(const toml::node_view<const toml::node>& node) {
-    return String(node.value_or(std::string()));
-}
-
-XCode checkString(const toml::table& table, const char* key, const String& where,
-                  const String& path) {
-    const toml::node* node = table.get(key);
-    if (node != nullptr && !node->is_string()) {
-        return usageError("%s: %s is not a string", path, where + "." + key);
-    }
-    return XCode::SUCCESS;
-}
-
-// A misspelt key would leave every command accepted without a word: only "reject" is known.
-XCode readCli(const toml::node& cli, const String& path, DeviceSettings& settings) {
-    const toml::table* table = cli.as_table();
-    if (table == nullptr) {
-        return usageError("%s: cli is not a table", path);
-    }
-    for (const auto& entry : *table) {
-        if (entry.first.str() != "reject") {
-            return usageError("%s: cli.%s is not a known key (known: reject)", path,
-                              String(std::string(entry.first.str())));
-        }
-    }
-    const toml::node* reject = table->get("reject");
-    if (reject == nullptr) {
-        return XCode::SUCCESS;
-    }
-    const toml::array* patterns = reject->as_array();
-    if (patterns == nullptr) {
-        return usageError("%s: cli.reject is not an array of strings", path);
-    }
-    for (const toml::node& pattern : *patterns) {
-        const std::optional<std::string> text = pattern.value<std::string>();
-        if (!pattern.is_string() || !text) {
-            return usageError("%s: cli.reject is not an array of strings", path);
-        }
-        settings.rejectedCommands.emplace_back(*text);
-    }
-    return XCode::SUCCESS;
-}
-
-XCode readTables(const toml::table& root, const String& path, DeviceSettings& settings) {
-    if (const toml::node* values = root.get("values")) {
-        if (!values->is_table()) {
-            return usageError("%s: values is not a table", path);
-        }
-        XCode result = collectValues(*values->as_table(), String(), path, settings);
-        if (result.isErr()) {
-            return result;
-        }
-    }
-    if (const toml::node* credentials = root.get("credentials")) {
-        if (!credentials->is_table()) {
-            return usageError("%s: credentials is not a table", path);
-        }
-        for (const auto& [key, node] : *credentials->as_table()) {
-            String realm(std::string(key.str()));
-            const toml::table* entry = node.as_table();
-            if (entry == nullptr) {
-                return usageError("%s: [credentials] '%s' is not a table", path, realm);
-            }
-            for (const char* field : {"user", "password", "host"}) {
-                XCode result = checkString(*entry, field, "credentials." + realm, path);
-                if (result.isErr()) {
-                    return result;
-                }
-            }
-            if (realm == "*") {
-                realm = String();
-            }
-            toml::node_view<const toml::node> view(entry);
-            settings.credentials[realm] = {stringField(view["user"]), stringField(view["password"]),
-                                           stringField(view["host"])};
-        }
-    }
-    if (const toml::node* https = root.get("https")) {
-        const toml::table* table = https->as_table();
-        if (table == nullptr) {
-            return usageError("%s: https is not a table", path);
-        }
-        for (const char* field : {"ca", "cert", "key"}) {
-            XCode result = checkString(*table, field, "https", path);
-            if (result.isErr()) {
-                return result;
-            }
-        }
-        toml::node_view<const toml::node> view(table);
-        settings.httpsGiven = true;
-        settings.httpsCa = stringField(view["ca"]);
-        settings.httpsCert = stringField(view["cert"]);
-        settings.httpsKey = stringField(view["key"]);
-    }
-    if (const toml::node* cli = root.get("cli")) {
-        return readCli(*cli, path, settings);
-    }
-    return XCode::SUCCESS;
 }
 
 bool holdsPasswords(const DeviceSettings& settings) {
@@ -161,20 +38,6 @@ XCode checkOwnerOnly(const String& path, const PrivateFile::Access& access) {
         "uid %u and readable and writable by its owner only (chmod 600 %s)",
         path.c_str(), access.mode, access.owner, access.effectiveUser, path.c_str());
     return error;
-}
-
-XCode parseDeviceFile(const String& path, const String& text, DeviceSettings& settings) {
-    // toml++ reports through exceptions; they end here.
-    try {
-        toml::table root = toml::parse(text.str(), path.str());
-        return readTables(root, path, settings);
-    } catch (const toml::parse_error& error) {
-        const toml::source_position where = error.source().begin;
-        XCode result(XCode::GENERIC_FAILURE);
-        result.setStringF("%s:%u:%u: %s", path.c_str(), where.line, where.column,
-                          std::string(error.description()).c_str());
-        return result;
-    }
 }
 
 // One REALM:USER:PASSWORD; the password is everything after the second ':'.
@@ -231,7 +94,7 @@ XCode LOAD_DEVICE_FILE(const String& path, DeviceSettings& settings) {
         return result;
     }
     DeviceSettings fromFile;
-    result = parseDeviceFile(path, text, fromFile);
+    result = PARSE_DEVICE_FILE(path, text, fromFile);
     if (result.isSuccess() && holdsPasswords(fromFile)) {
         result = checkOwnerOnly(path, access);
     }

@@ -38,15 +38,21 @@ struct DeviceSettings {
 // $HOME/.local/state/provctl/device, else "./provctl-device".
 String DEFAULT_DEVICE_DIRECTORY();
 
-// Reads a device.toml. A missing file leaves `settings` empty and succeeds. Layout:
-//   [values]        "system.mac" = "00a0ba0b0c0d"   (names as for --set; strings only)
-//   [credentials]   "realm" = { user = "u", password = "p" }; the realm "*" (or "") is the
-//                   wild-card; with host = "h" the credential is sent to that host only
+// Reads a device.toml. A missing file leaves `settings` empty and succeeds; a symbolic link to
+// nothing, a directory or anything else that is not a regular file is an error. Layout:
+//   [values]        "system.mac" = "00a0ba0b0c0d"   (names as for --set; a quoted key and the
+//                   same name unquoted, system.mac = ..., are one value and may not both be
+//                   given). Strings; the numbers among them (system.hw.major, system.hw.minor,
+//                   system.sw.major, system.sw.minor, system.sw.build, cli.major, cli.minor) may
+//                   be non-negative integers as well
+//   [credentials]   "realm" = { user = "u", password = "p" }; the realm "*" (or "", not both) is
+//                   the wild-card; with host = "h" the credential is sent to that host only
 // A file that holds a password is refused unless it is owned by the effective user and neither
 // group nor others may read or write it.
 //   [https]         ca = "...", cert = "...", key = "..."
-//   [cli]           reject = ["ipaddress 999.*", "no *"]   (strings only; no other key)
-// Other tables ([image] of older device files, for instance) are ignored.
+//   [cli]           reject = ["ipaddress 999.*", "no *"]   (strings only)
+// Nothing else: another table or key, a value of another type and a credential without user or
+// password are errors (PARSE_DEVICE_FILE in DeviceFile.h says how they are reported).
 [[nodiscard]] XCode LOAD_DEVICE_FILE(const String& path, DeviceSettings& settings);
 
 // Puts --set, the credentials file, --credential and --https-auth over what the file gave, in

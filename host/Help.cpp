@@ -49,8 +49,9 @@ DEVICE DIRECTORY
 EXIT STATUS
     0   the command succeeded
     1   the job failed, or the text could not be resolved
-    2   usage error (bad option, unknown device value, malformed device.toml, a device.toml
-        or credentials file with passwords that others may read)
+    2   usage error (bad option, unknown device value, a device.toml that is malformed,
+        cannot be read or holds an unknown table, key or type, a device.toml or credentials
+        file with passwords that others may read, a slots/state that the device cannot have)
 
 EXAMPLES
     provctl demo
@@ -124,8 +125,8 @@ EXIT STATUS
     0   resolved; the text is printed
     1   an expression could not be resolved; standard output stays empty and standard error
         gets a message beginning with "CANNOT RESOLVE ALL EXPRESSIONS"
-    2   usage error: unknown NAME, --set without '=', a value holding "$(", malformed
-        device.toml
+    2   usage error: unknown NAME, --set without '=', a value holding "$(", a device.toml
+        that is malformed, cannot be read or holds an unknown table, key or type
 
 EXAMPLES
     provctl resolve --set system.mac=00a0ba0b0c0d 'tftp://10.0.0.1/$(system.mac).cfg'
@@ -192,9 +193,12 @@ OUTPUT
 EXIT STATUS
     0   the job succeeded
     1   the job failed, or the result could not be written to standard output
-    2   usage error: an unknown option or value, an option this job does not take, a file
-        of --ca-certificate, --certificate or --private-key that cannot be read (also: a
-        device.toml with passwords, or a credentials file, that others may read or write)
+    2   usage error, found before anything in the device directory is created or changed:
+        an unknown option or value, an option this job does not take, a file of
+        --ca-certificate, --certificate or --private-key that cannot be read, a device.toml
+        that is malformed, cannot be read or holds an unknown table, key or type, a
+        device.toml with passwords or a credentials file that others may read or write, a
+        slots/state that the device cannot have
     128+N  interrupted by signal N (any catchable signal that ends a process: SIGINT 130,
         SIGTERM 143, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGALRM, ..., and SIGPIPE 141, also
         when standard output or standard error is a closed pipe): the job's child process

@@ -26,6 +26,7 @@
 #include "platform/simulated/DeviceDirectory.h"
 #include "platform/simulated/SimulatedCmdExec.h"
 #include "platform/simulated/SimulatedSystemStatus.h"
+#include "platform/simulated/SlotState.h"
 
 namespace Provctl {
 
@@ -102,6 +103,18 @@ void warnAboutUntriedLocations(const Options& options) {
             "tried",
             options.locations.size(), MOST_LOCATIONS, options.locations.size() - MOST_LOCATIONS));
     }
+}
+
+// The slot state is read before anything is created or run: a file edited into a state that the
+// device cannot have (a third slot, a misspelt key) is a usage error. False (message printed) then.
+bool checkSlotState() {
+    SlotState slots;
+    XCode result = SlotState::LOAD(slots);
+    if (result.isErr()) {
+        printError(result);
+        return false;
+    }
+    return true;
 }
 
 JobRequest buildRequest(const Options& options, const DeviceSettings& settings,
@@ -230,6 +243,9 @@ int runJob(const Options& options) {
     XCode credentialsAdded = FILL_CREDENTIALS(settings, request.credentials);
     // Usage errors come first: a command line that is refused creates nothing.
     Device::SET_ROOT(directory);
+    if (!checkSlotState()) {
+        return EXIT_USAGE;
+    }
     if (credentialsAdded.isSuccess()) {
         credentialsAdded = CHECK_HTTPS_FILES(settings);
     }

@@ -41,6 +41,41 @@ XCode readAll(int fd, const String& what, std::size_t maxSize, String& text) {
     }
 }
 
+// What a file that is not a regular one is, for the message that refuses it.
+const char* fileKind(mode_t mode) {
+    if (S_ISDIR(mode)) {
+        return "a directory";
+    }
+    if (S_ISFIFO(mode)) {
+        return "a FIFO";
+    }
+    if (S_ISSOCK(mode)) {
+        return "a socket";
+    }
+    if (S_ISCHR(mode) || S_ISBLK(mode)) {
+        return "a device";
+    }
+    return "another kind of file";
+}
+
+// `path` could not be opened because it, or what it leads to, does not exist. Only a path that
+// is not there itself counts as missing: a symbolic link to nothing is a mistake to report.
+XCode missingOrDangling(const String& path, bool& exists) {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) {
+        return errno == ENOENT ? XCode() : systemFailure(errno, path);
+    }
+    exists = true;
+    if (!S_ISLNK(status.st_mode)) {
+        return systemFailure(ENOENT, path);  // it came back between open and lstat
+    }
+    char target[4096];
+    const ssize_t length = ::readlink(path.c_str(), target, sizeof target - 1);
+    target[length > 0 ? length : 0] = '\0';
+    return XCode::fromErrno(ENOENT).setStringF("%s: dangling symbolic link (to %s)", path.c_str(),
+                                               target);
+}
+
 }  // namespace
 
 XCode READ(const String& path, std::size_t maxSize, String& text, Access& access, bool& exists) {
@@ -48,7 +83,7 @@ XCode READ(const String& path, std::size_t maxSize, String& text, Access& access
     exists = false;
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
     if (fd < 0 && errno == ENOENT) {
-        return XCode();
+        return missingOrDangling(path, exists);
     }
     if (fd < 0) {
         return systemFailure(errno, path);
@@ -59,7 +94,9 @@ XCode READ(const String& path, std::size_t maxSize, String& text, Access& access
     if (::fstat(fd, &status) != 0) {
         result = systemFailure(errno, path);
     } else if (!S_ISREG(status.st_mode)) {
-        result = XCode(XCode::GENERIC_FAILURE).setStringF("%s: not a regular file", path.c_str());
+        result =
+            XCode(XCode::GENERIC_FAILURE)
+                .setStringF("%s: not a regular file (%s)", path.c_str(), fileKind(status.st_mode));
     } else {
         access.mode = static_cast<unsigned int>(status.st_mode & 07777);
         access.owner = static_cast<unsigned int>(status.st_uid);

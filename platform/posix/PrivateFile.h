@@ -23,8 +23,11 @@ struct Access {
 };
 
 // Reads the host file `path` (not mapped) whole, following links, and tells its access, taken
-// from the opened file. A missing file is not an error: `exists` false, `text` empty. Errors: not
-// a regular file, larger than `maxSize` ("<path>: larger than <n> bytes"), any system error.
+// from the opened file. A missing file is not an error: `exists` false, `text` empty; a symbolic
+// link to nothing is ("<path>: dangling symbolic link (to <target>)"). Other errors: not a regular
+// file ("<path>: not a regular file (a directory)"; a FIFO is refused without waiting for a
+// writer), larger than `maxSize` ("<path>: larger than <n> bytes"), any system error
+// ("<path>: <the system's reason>").
 [[nodiscard]] XCode READ(const String& path, std::size_t maxSize, String& text, Access& access,
                          bool& exists);
 

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <map>
 #include <mutex>
+#include <vector>
 
 #include "platform/KtFile.h"
 #include "platform/simulated/DeviceDirectory.h"
@@ -16,9 +18,43 @@ std::recursive_mutex& stateMutex() {
     return mutex;
 }
 
-bool fileExists(const String& path) {
+// Only a path that is not there itself is missing; a symbolic link to nothing is an error.
+XCode findFile(const String& path, bool& exists) {
     struct stat status {};
-    return ::stat(path.c_str(), &status) == 0 || errno != ENOENT;
+    exists = ::lstat(path.c_str(), &status) == 0 || errno != ENOENT;
+    if (exists && S_ISLNK(status.st_mode) && ::stat(path.c_str(), &status) != 0 &&
+        errno == ENOENT) {
+        return XCode::fromErrno(ENOENT).setStringF("%s: dangling symbolic link", path.c_str());
+    }
+    return XCode::SUCCESS;
+}
+
+XCode lineError(const String& path, std::size_t line, const String& what) {
+    XCode error(XCode::GENERIC_FAILURE);
+    error.setStringF("%s:%u: %s", path.c_str(), static_cast<unsigned int>(line), what.c_str());
+    return error;
+}
+
+// Sets `key` of `state`; false, with `problem` saying why, for a key or a value that the device
+// does not have.
+bool setKey(const String& key, const String& value, SlotState& state, String& problem) {
+    if (key == "active" || key == "next") {
+        if (value != "1" && value != "2") {
+            problem = String::format("%s must be 1 or 2 (the device has two slots), not '%s'",
+                                     key.c_str(), value.c_str());
+            return false;
+        }
+        (key == "active" ? state.active : state.next) = value.toUnsigned();
+    } else if (key == "version.1") {
+        state.version1 = value;
+    } else if (key == "version.2") {
+        state.version2 = value;
+    } else {
+        problem = String::format("unknown key '%s' (known: active, next, version.1, version.2)",
+                                 key.c_str());
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -27,28 +63,37 @@ String SlotState::PATH() {
     return Device::ROOT() + "/slots/state";
 }
 
-SlotState SlotState::PARSE(const String& text) {
-    SlotState state;
-    for (String line : text.split('\n')) {
-        if (line.endsWith("\r")) {
-            line.deleteRegion(line.length() - 1, 1);
+XCode SlotState::PARSE(const String& path, const String& text, SlotState& state) {
+    SlotState parsed;
+    std::map<String, std::size_t> lineOfKey;
+    const std::vector<String> lines = text.split('\n');
+    for (std::size_t index = 0; index < lines.size(); ++index) {
+        String line = lines[index];
+        line.trim();
+        if (line.isEmpty() || line.startsWith("#")) {
+            continue;
         }
         String key;
         String value;
         if (!line.split('=', key, value)) {
-            continue;
+            return lineError(path, index + 1, "expected key=value");
         }
-        if (key == "active" && value.isNumeric()) {
-            state.active = value.toUnsigned();
-        } else if (key == "next" && value.isNumeric()) {
-            state.next = value.toUnsigned();
-        } else if (key == "version.1") {
-            state.version1 = value;
-        } else if (key == "version.2") {
-            state.version2 = value;
+        key.trim();
+        value.trim();
+        const auto [first, fresh] = lineOfKey.emplace(key, index + 1);
+        if (!fresh) {
+            return lineError(path, index + 1,
+                             String::format("'%s' given twice (lines %u and %u)", key.c_str(),
+                                            static_cast<unsigned int>(first->second),
+                                            static_cast<unsigned int>(index + 1)));
+        }
+        String problem;
+        if (!setKey(key, value, parsed, problem)) {
+            return lineError(path, index + 1, problem);
         }
     }
-    return state;
+    state = parsed;
+    return XCode::SUCCESS;
 }
 
 String SlotState::toText() const {
@@ -59,17 +104,21 @@ String SlotState::toText() const {
 XCode SlotState::LOAD(SlotState& state) {
     std::lock_guard<std::recursive_mutex> lock(stateMutex());
     const String path = PATH();
-    if (!fileExists(path)) {
+    bool exists = false;
+    XCode result = findFile(path, exists);
+    if (result.isErr()) {
+        return result;
+    }
+    if (!exists) {
         state = SlotState();
         return XCode::SUCCESS;
     }
     String text;
-    XCode result = KtFile::READ_TEXT_FILE<String>(path, text, O_RDONLY, false, true);
+    result = KtFile::READ_TEXT_FILE<String>(path, text, O_RDONLY, false, true);
     if (result.isErr()) {
         return result;
     }
-    state = PARSE(text);
-    return XCode::SUCCESS;
+    return PARSE(path, text, state);
 }
 
 XCode SlotState::STORE(const SlotState& state) {

@@ -24,12 +24,10 @@ struct ProvctlOutcome {
     std::string err;
 };
 
-// Runs provctl with `args`; HOME points into `dir`, so no real per-user state is touched, and
-// `extraEnv` ("NAME=value") is added to the environment. A run that passes `deadline` is
-// terminated and reported with `ended` false.
-inline ProvctlOutcome runProvctl(const TempDir& dir, const std::vector<std::string>& args,
-                                 const std::vector<std::string>& extraEnv = {},
-                                 std::chrono::milliseconds deadline = DEFAULT_DEADLINE) {
+// Runs `argv`, provctl or a program that starts it, as runProvctl does.
+inline ProvctlOutcome runProvctlCommand(const TempDir& dir, const std::vector<std::string>& argv,
+                                        const std::vector<std::string>& extraEnv,
+                                        std::chrono::milliseconds deadline) {
     static int runs = 0;
     const std::string stem = dir.file("provctl-run-" + std::to_string(runs++));
     const std::string outPath = stem + ".out";
@@ -38,8 +36,7 @@ inline ProvctlOutcome runProvctl(const TempDir& dir, const std::vector<std::stri
     int errFd = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     int inFd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     SpawnSpec spec;
-    spec.argv = {PROV_PROVCTL};
-    spec.argv.insert(spec.argv.end(), args.begin(), args.end());
+    spec.argv = argv;
     spec.env = {"PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin", "LC_ALL=C",
                 "HOME=" + dir.file("home")};
     spec.env.insert(spec.env.end(), extraEnv.begin(), extraEnv.end());
@@ -59,6 +56,26 @@ inline ProvctlOutcome runProvctl(const TempDir& dir, const std::vector<std::stri
     run.out = readFile(outPath);
     run.err = readFile(errPath);
     return run;
+}
+
+// Runs provctl with `args`; HOME points into `dir`, so no real per-user state is touched, and
+// `extraEnv` ("NAME=value") is added to the environment. A run that passes `deadline` is
+// terminated and reported with `ended` false.
+inline ProvctlOutcome runProvctl(const TempDir& dir, const std::vector<std::string>& args,
+                                 const std::vector<std::string>& extraEnv = {},
+                                 std::chrono::milliseconds deadline = DEFAULT_DEADLINE) {
+    std::vector<std::string> argv = {PROV_PROVCTL};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return runProvctlCommand(dir, argv, extraEnv, deadline);
+}
+
+// The same run as the user "nobody" (uid and gid 65534, no supplementary groups), started by
+// setpriv: for what root may do and an ordinary user may not.
+inline ProvctlOutcome runProvctlAsNobody(const TempDir& dir, const std::vector<std::string>& args) {
+    std::vector<std::string> argv = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534",
+                                     "--clear-groups", PROV_PROVCTL};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return runProvctlCommand(dir, argv, {}, DEFAULT_DEADLINE);
 }
 
 }  // namespace provtest

@@ -254,9 +254,9 @@ TEST_F(ProvctlSecretsTest, deviceTomlWithAPasswordIsReadOnlyWhenOnlyItsOwnerMayR
 
 TEST_F(ProvctlSecretsTest, deviceTomlWithoutPasswordsMayBeReadByAll) {
     std::string toml = device() + "/device.toml";
-    writeFile(
-        toml,
-        "[values]\n\"system.serial\" = \"S-17\"\n[credentials]\ndev = { user = \"devuser\" }\n");
+    writeFile(toml,
+              "[values]\n\"system.serial\" = \"S-17\"\n[credentials]\ndev = { user = \"devuser\", "
+              "password = \"\" }\n");
     ASSERT_EQ(::chmod(toml.c_str(), 0644), 0);
     ProvctlRun run = provctl({"resolve", "--device", device(), "$(system.serial)"});
     EXPECT_EQ(run.status, 0) << run.output;

@@ -166,7 +166,7 @@ TEST_F(ProvctlTest, resolveUnknownNameInDeviceTomlIsAUsageError) {
 }
 
 TEST_F(ProvctlTest, resolveNonStringValueInDeviceTomlIsAUsageError) {
-    writeFile(device() + "/device.toml", "[values]\n\"system.hw.major\" = 2\n");
+    writeFile(device() + "/device.toml", "[values]\n\"system.hw.major\" = 2.0\n");
     Outcome run = provctl({"resolve", "--device", device(), "x"});
     EXPECT_EQ(run.status, 2);
 }
@@ -248,7 +248,8 @@ TEST_F(ProvctlTest, rejectListOfTheWrongTypeInDeviceTomlIsAUsageError) {
     EXPECT_EQ(run.status, 2);
     EXPECT_EQ(run.out, "");
     EXPECT_TRUE(contains(
-        run.err, "provctl: " + device() + "/device.toml: cli.reject is not an array of strings\n"))
+        run.err, "provctl: " + device() +
+                     "/device.toml:2:1: 'cli.reject' must be an array of strings, not a string\n"))
         << run.err;
     EXPECT_FALSE(provtest::fileExists(device() + "/config"));
 }

@@ -718,6 +718,16 @@ TEST(ExpressionResolverValuesTest, valueByNameFindsTheMemberOfEachName) {
     }
 }
 
+TEST(ExpressionResolverValuesTest, valueNameAtListsTheNamesOfValueByNameInOrder) {
+    const std::size_t count = sizeof VALUE_CASES / sizeof VALUE_CASES[0];
+    for (std::size_t index = 0; index < count; ++index) {
+        ASSERT_NE(ExpressionResolver::VALUE_NAME_AT(index), nullptr) << index;
+        EXPECT_STREQ(ExpressionResolver::VALUE_NAME_AT(index), VALUE_CASES[index].name);
+    }
+    EXPECT_EQ(ExpressionResolver::VALUE_NAME_AT(count), nullptr);
+    EXPECT_EQ(ExpressionResolver::VALUE_NAME_AT(static_cast<std::size_t>(-1)), nullptr);
+}
+
 TEST(ExpressionResolverValuesTest, valueByNameSetsWhatExpressionsRead) {
     ExpressionResolver resolver;
     *ExpressionResolver::VALUE_BY_NAME(resolver, "system.mac") = "AABBCCDDEEFF";

@@ -1,6 +1,10 @@
 #include "platform/simulated/SlotState.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <ostream>
+#include <string>
 
 #include "platform/simulated/DeviceDirectory.h"
 #include "support/TempDir.h"
@@ -20,8 +24,17 @@ class SlotStateTest : public ::testing::Test {
     provtest::TempDir dir_{"prov-slots"};
 };
 
+const char* const PATH = "/dev1/slots/state";
+
+SlotState parse(const String& text) {
+    SlotState state;
+    XCode result = SlotState::PARSE(PATH, text, state);
+    EXPECT_TRUE(result.isSuccess()) << result.getString().c_str();
+    return state;
+}
+
 TEST_F(SlotStateTest, emptyTextIsANewDevice) {
-    SlotState state = SlotState::PARSE("");
+    SlotState state = parse("");
     EXPECT_EQ(state.active, 1U);
     EXPECT_EQ(state.next, 1U);
     EXPECT_EQ(state.version1, "");
@@ -29,20 +42,59 @@ TEST_F(SlotStateTest, emptyTextIsANewDevice) {
 }
 
 TEST_F(SlotStateTest, parseReadsEveryKey) {
-    SlotState state = SlotState::PARSE("active=2\nnext=1\nversion.1=X 1.2 7\nversion.2=Y=2 3\n");
+    SlotState state = parse("active=2\nnext=1\nversion.1=X 1.2 7\nversion.2=Y=2 3\n");
     EXPECT_EQ(state.active, 2U);
     EXPECT_EQ(state.next, 1U);
     EXPECT_EQ(state.version1, "X 1.2 7");
     EXPECT_EQ(state.version2, "Y=2 3");  // everything after the first '='
 }
 
-TEST_F(SlotStateTest, parseIgnoresUnknownKeysLinesWithoutEqualsAndBadNumbers) {
+TEST_F(SlotStateTest, parseSkipsCommentsEmptyLinesCarriageReturnsAndBlanksAroundKeyAndValue) {
     SlotState state =
-        SlotState::PARSE("# comment\nbogus=1\nactive=two\r\nnext=2\r\nversion.2=Z\r\n");
-    EXPECT_EQ(state.active, 1U);
+        parse("# written by hand\n\n  active = 2 \r\nnext=2\r\nversion.2 =  Z 1 \r\n");
+    EXPECT_EQ(state.active, 2U);
     EXPECT_EQ(state.next, 2U);
-    EXPECT_EQ(state.version2, "Z");
+    EXPECT_EQ(state.version2, "Z 1");
 }
+
+struct BadStateCase {
+    const char* text;
+    const char* message;  // after "<path>:"
+};
+
+void PrintTo(const BadStateCase& row, std::ostream* out) {
+    *out << row.text;
+}
+
+class BadSlotStateTest : public ::testing::TestWithParam<BadStateCase> {};
+
+TEST_P(BadSlotStateTest, isRefusedNamingTheLineAndTheKey) {
+    SlotState state;
+    state.version1 = "kept";
+    XCode result = SlotState::PARSE(PATH, GetParam().text, state);
+    ASSERT_TRUE(result.isErr()) << GetParam().text;
+    EXPECT_EQ(result.getString().str(), std::string(PATH) + ":" + GetParam().message);
+    EXPECT_EQ(state.version1, "kept");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, BadSlotStateTest,
+    ::testing::Values(
+        BadStateCase{"active = 3\n",
+                     "1: active must be 1 or 2 (the device has two slots), not '3'"},
+        BadStateCase{"active=1\nnext=0\n",
+                     "2: next must be 1 or 2 (the device has two slots), not '0'"},
+        BadStateCase{"active=two\n",
+                     "1: active must be 1 or 2 (the device has two slots), not 'two'"},
+        BadStateCase{"active=\n", "1: active must be 1 or 2 (the device has two slots), not ''"},
+        BadStateCase{"active=01\n",
+                     "1: active must be 1 or 2 (the device has two slots), not '01'"},
+        BadStateCase{"active=1\n\nactiv=2\n",
+                     "3: unknown key 'activ' (known: active, next, version.1, version.2)"},
+        BadStateCase{"version.3=X 1 1\n",
+                     "1: unknown key 'version.3' (known: active, next, version.1, version.2)"},
+        BadStateCase{"active=1\nnext\n", "2: expected key=value"},
+        BadStateCase{"next=1\nversion.1=A\nnext=2\n", "3: 'next' given twice (lines 1 and 3)"}));
 
 TEST_F(SlotStateTest, textRoundTrips) {
     SlotState state;
@@ -51,7 +103,7 @@ TEST_F(SlotStateTest, textRoundTrips) {
     state.version1 = "A 1 1";
     state.version2 = "B 2 2";
     EXPECT_EQ(state.toText(), "active=2\nnext=1\nversion.1=A 1 1\nversion.2=B 2 2\n");
-    SlotState again = SlotState::PARSE(state.toText());
+    SlotState again = parse(state.toText());
     EXPECT_EQ(again.active, 2U);
     EXPECT_EQ(again.next, 1U);
     EXPECT_EQ(again.version1, "A 1 1");
@@ -98,6 +150,27 @@ TEST_F(SlotStateTest, modifyChangesTheStoredState) {
     writeFile(statePath(), "active=2\nnext=2\nversion.1=old\nversion.2=new\n");
     ASSERT_TRUE(SlotState::MODIFY([](SlotState& state) { state.next = 1; }).isSuccess());
     EXPECT_EQ(readFile(statePath()), "active=2\nnext=1\nversion.1=old\nversion.2=new\n");
+}
+
+TEST_F(SlotStateTest, impossibleStateIsRefusedAndModifyWritesNothing) {
+    writeFile(statePath(), "active=1\nnext=3\nversion.1=old\n");
+    SlotState state;
+    state.active = 2;
+    XCode result = SlotState::LOAD(state);
+    EXPECT_EQ(result.getString().str(),
+              statePath() + ":2: next must be 1 or 2 (the device has two slots), not '3'");
+    EXPECT_EQ(state.active, 2U);
+    bool called = false;
+    EXPECT_TRUE(SlotState::MODIFY([&](SlotState&) { called = true; }).isErr());
+    EXPECT_FALSE(called);
+    EXPECT_EQ(readFile(statePath()), "active=1\nnext=3\nversion.1=old\n");
+}
+
+TEST_F(SlotStateTest, danglingLinkIsAnErrorNotANewDevice) {
+    provtest::makeDirs(dir_.file("slots"));
+    ASSERT_EQ(::symlink("nowhere", statePath().c_str()), 0);
+    SlotState state;
+    EXPECT_EQ(SlotState::LOAD(state).getString().str(), statePath() + ": dangling symbolic link");
 }
 
 TEST_F(SlotStateTest, unreadableStateIsAnErrorAndModifyWritesNothing) {
