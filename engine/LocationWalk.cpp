@@ -5,7 +5,7 @@
 
 XCode ProvisioningJob::resolveLocationExpressions(String& location) {
     if (expressionResolver == nullptr) {
-        return testExpression(false).setString("CANNOT RESOLVE EXPRESSIONS");
+        return XCode::FAILURE("CANNOT RESOLVE EXPRESSIONS");
     }
     KtEventSync& sync = MGMT::INSTANCE().getEventSync();
     // The management layer's lock guards the device values; it is retried until taken.
@@ -43,7 +43,7 @@ Protocol protocolOf(const String& scheme) {
 XCode protocolNotSupported(const String& scheme) {
     String upper = scheme;
     upper.toUpperCase();
-    return testExpression(false).setStringF("PROTOCOL %s NOT SUPPORTED", upper.c_str());
+    return XCode::FAILURE_F("PROTOCOL %s NOT SUPPORTED", upper.c_str());
 }
 
 }  // namespace
@@ -170,7 +170,7 @@ void ProvisioningJob::walkOnAfterFailure(XCode result, bool upload) {
         ProvLog::progress(upload ? "[%s] Stop uploading after trying %u locations"
                                  : "[%s] Stop downloading after trying %u locations",
                           name.c_str(), MAX_LOCATIONS_TRIED);
-        onJobFinished(testExpression(false).setString("REDIRECTION LOOP DETECTED"));
+        onJobFinished(XCode::FAILURE("REDIRECTION LOOP DETECTED"));
         return;
     }
     if (locations.isEmpty()) {
@@ -179,12 +179,12 @@ void ProvisioningJob::walkOnAfterFailure(XCode result, bool upload) {
         }
         return;
     }
-    XCode lastStart = testExpression(false);
+    XCode lastStart = XCode::FAILURE();
     while (!locations.isEmpty() && lastStart.isErr()) {
         // An upload retry pops into downloadLocation and sends to uploadLocation again: every
         // retry of an upload goes to the location that just failed. Intended.
         if (locations.popFront(downloadLocation).isErr()) {
-            onJobFinished(testExpression(false).setString("NO MORE DOWNLOAD LOCATIONS"));
+            onJobFinished(XCode::FAILURE("NO MORE DOWNLOAD LOCATIONS"));
             return;
         }
         lastStart = upload ? uploadFromCurrentLocation() : downloadFromCurrentLocation();

@@ -101,16 +101,16 @@ void ProvisioningJob::refuseToStart(const XCode& reason) {
 }
 
 XCode ProvisioningJob::onFailedFileDownload() {
-    return testExpression(false).setString("ACTION FOR FAIL NOT IMPLEMENTED");
+    return XCode::FAILURE("ACTION FOR FAIL NOT IMPLEMENTED");
 }
 
 XCode ProvisioningJob::onSuccessfulFileDownload() {
-    return testExpression(false).setString("ACTION FOR DOWNLOADED FILE NOT IMPLEMENTED");
+    return XCode::FAILURE("ACTION FOR DOWNLOADED FILE NOT IMPLEMENTED");
 }
 
 XCode ProvisioningJob::getFileForUpload() {
     // "GATERHING" is the message as the management process knows it; keep the spelling.
-    return testExpression(false).setString("GATERHING FILE FOR UPLOADING NOT IMPLEMENTED");
+    return XCode::FAILURE("GATERHING FILE FOR UPLOADING NOT IMPLEMENTED");
 }
 
 XCode ProvisioningJob::execute() {
@@ -124,7 +124,7 @@ XCode ProvisioningJob::execute() {
     if (result.isErr()) {
         // Reported below like any failure to start.
     } else if (locations.isEmpty()) {
-        result = testExpression(false).setString("NO LOCATIONS CONFIGURED");
+        result = XCode::FAILURE("NO LOCATIONS CONFIGURED");
     } else {
         result = DB::Table::SystemProvisioningStatus::find(
             DB::Table::Cfg::QueryAllByKey::Key(DB::ObjectType_(2), DB::ObjectStatus_(10)), status);
@@ -139,8 +139,7 @@ XCode ProvisioningJob::execute() {
                 result = startFirstTransfer(upload);
             }
         } else {
-            result = testExpression(false).setStringF("INVALID DIRECTION %u",
-                                                      static_cast<unsigned int>(direction));
+            result = XCode::FAILURE_F("INVALID DIRECTION %u", static_cast<unsigned int>(direction));
         }
     }
     if (result.isSuccess()) {
@@ -160,11 +159,10 @@ XCode ProvisioningJob::execute() {
 }
 
 XCode ProvisioningJob::startFirstTransfer(bool upload) {
-    XCode lastStart = testExpression(false);
+    XCode lastStart = XCode::FAILURE();
     while (!locations.isEmpty() && lastStart.isErr()) {
         if (locations.popFront(upload ? uploadLocation : downloadLocation).isErr()) {
-            return testExpression(false).setString(upload ? "NO UPLOAD LOCATIONS"
-                                                          : "NO DOWNLOAD LOCATIONS");
+            return XCode::FAILURE(upload ? "NO UPLOAD LOCATIONS" : "NO DOWNLOAD LOCATIONS");
         }
         lastStart = upload ? uploadFromCurrentLocation() : downloadFromCurrentLocation();
     }

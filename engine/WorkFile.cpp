@@ -48,7 +48,7 @@ XCode ProvisioningJob::createOutFile(const String& locationPath) {
     String fileName = WORK_FILE_NAME(locationPath);
     XCode result;
     if (fileName.isEmpty()) {
-        result = testExpression(false).setString("INVALID LOCATION: Cannot download folder");
+        result = XCode::FAILURE("INVALID LOCATION: Cannot download folder");
     } else {
         outFile += fileName;
         result = Device::CHECK_WORK_DIRECTORY();

@@ -101,13 +101,13 @@ XCode ExpressionResolver::replaceSubExpression(String& text, int& count, int sta
 XCode ExpressionResolver::replaceNested(String& text, int& count, int start, int limit,
                                         int depth) const {
     if (count >= limit || depth >= MAX_NESTING) {
-        return testExpression(false);
+        return XCode::FAILURE();
     }
     const int inner = start + 2;
     int next = text.indexOf(EXPRESSION_START, inner);
     int close = text.indexOf(')', inner);
     if (close < 0) {
-        return testExpression(false);
+        return XCode::FAILURE();
     }
     while (next >= 0 && next < close) {
         XCode result = replaceNested(text, count, next, limit, depth + 1);
@@ -117,7 +117,7 @@ XCode ExpressionResolver::replaceNested(String& text, int& count, int start, int
         next = text.indexOf(EXPRESSION_START, inner);
         close = text.indexOf(')', inner);
         if (close < 0) {
-            return testExpression(false);
+            return XCode::FAILURE();
         }
     }
     String value;
@@ -156,12 +156,12 @@ XCode ExpressionResolver::resolveExpression(const String& name, String& value) c
     for (const NamedGetter& entry : EXPRESSION_NAMES) {
         if (name == entry.name) {
             if (entry.getter == nullptr) {
-                return testExpression(false);
+                return XCode::FAILURE();
             }
             return (this->*entry.getter)(value);
         }
     }
-    return testExpression(false);
+    return XCode::FAILURE();
 }
 
 XCode ExpressionResolver::extractCondition(const String& cond, String& left, String& right,
@@ -188,7 +188,7 @@ XCode ExpressionResolver::extractCondition(const String& cond, String& left, Str
         found = EQUAL;
         rightStart = eq + 1;
     } else {
-        return testExpression(false);
+        return XCode::FAILURE();
     }
     left = cond.substring(0, split);
     right = cond.substring(rightStart);
@@ -200,7 +200,7 @@ XCode ExpressionResolver::extractPlaceholders(const String& expr, String& first,
                                               String& second) const {
     const int bar = expr.indexOf('|');
     if (bar < 0) {
-        return testExpression(false);
+        return XCode::FAILURE();
     }
     const int a = bar + 1;
     const int b = expr.indexOf('|', a);
@@ -221,7 +221,7 @@ XCode ExpressionResolver::resolveConditionalExpr(unsigned short op, const String
     String systemValue;
     XCode result = resolveExpression(name, systemValue);
     if (result.isErr() || !systemValue.isNumeric() || !number.isNumeric()) {
-        return testExpression(false);
+        return XCode::FAILURE();
     }
     const unsigned int a = systemValue.toUnsigned();
     const unsigned int b = number.toUnsigned();
@@ -243,7 +243,7 @@ XCode ExpressionResolver::resolveConditionalExpr(unsigned short op, const String
             holds = a == b;
             break;
         default:
-            return testExpression(false);
+            return XCode::FAILURE();
     }
     value = holds ? first : second;
     return testExpression(true);

@@ -17,10 +17,9 @@ const char* const LIGHTTPD = "/usr/sbin/lighttpd";
 
 XCode DemoTftpServer::start(const String& logPath) {
     if (::geteuid() != 0) {
-        return XCode(XCode::GENERIC_FAILURE)
-            .setString(
-                "the TFTP server (in.tftpd) must be started by root: it chroots into the "
-                "served directory; run the demo as root or with sudo");
+        return XCode::FAILURE(
+            "the TFTP server (in.tftpd) must be started by root: it chroots into the "
+            "served directory; run the demo as root or with sudo");
     }
     LoopbackSocket socket;
     XCode result = socket.open(LoopbackSocket::Kind::Udp);

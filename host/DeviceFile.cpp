@@ -340,9 +340,8 @@ XCode Reader::read(const toml::table& root, DeviceSettings& settings) {
     if (!failed_) {
         return XCode::SUCCESS;
     }
-    XCode error(XCode::GENERIC_FAILURE);
-    error.setStringF("%s:%u:%u: %s", path_.c_str(), where_.line, where_.column, what_.c_str());
-    return error;
+    return XCode::FAILURE_F("%s:%u:%u: %s", path_.c_str(), where_.line, where_.column,
+                            what_.c_str());
 }
 
 }  // namespace
@@ -354,7 +353,7 @@ XCode PARSE_DEVICE_FILE(const String& path, const String& text, DeviceSettings& 
         return Reader(path).read(root, settings);
     } catch (const toml::parse_error& error) {
         const Position where = error.source().begin;
-        XCode result(XCode::GENERIC_FAILURE);
+        XCode result = XCode::FAILURE();
         if (where.line == 0) {
             result.setStringF("%s: %s", path.c_str(), std::string(error.description()).c_str());
         } else {

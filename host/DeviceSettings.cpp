@@ -13,9 +13,7 @@ namespace {
 constexpr std::size_t MAX_SETTINGS_FILE = 1024 * 1024;
 
 XCode usageError(const char* format, const String& a, const String& b = String()) {
-    XCode error(XCode::GENERIC_FAILURE);
-    error.setStringF(format, a.c_str(), b.c_str());
-    return error;
+    return XCode::FAILURE_F(format, a.c_str(), b.c_str());
 }
 
 bool holdsPasswords(const DeviceSettings& settings) {
@@ -32,12 +30,10 @@ XCode checkOwnerOnly(const String& path, const PrivateFile::Access& access) {
     if (access.ownerOnly()) {
         return XCode::SUCCESS;
     }
-    XCode error(XCode::GENERIC_FAILURE);
-    error.setStringF(
+    return XCode::FAILURE_F(
         "%s holds passwords but has mode %04o and owner uid %u: it must be owned by "
         "uid %u and readable and writable by its owner only (chmod 600 %s)",
         path.c_str(), access.mode, access.owner, access.effectiveUser, path.c_str());
-    return error;
 }
 
 // One REALM:USER:PASSWORD; the password is everything after the second ':'.
@@ -61,10 +57,8 @@ XCode parseCredentialLines(const String& what, const String& text, DeviceSetting
         DeviceSettings::Credential credential;
         if (!splitCredential(line, realm, credential)) {
             // The line itself is not shown: it may hold a password.
-            XCode error(XCode::GENERIC_FAILURE);
-            error.setStringF("%s:%u: expected REALM:USER:PASSWORD", what.c_str(),
-                             static_cast<unsigned int>(index + 1));
-            return error;
+            return XCode::FAILURE_F("%s:%u: expected REALM:USER:PASSWORD", what.c_str(),
+                                    static_cast<unsigned int>(index + 1));
         }
         settings.credentials[realm] = credential;
     }

@@ -8,8 +8,7 @@ namespace Provctl {
 namespace {
 
 XCode refused(const char* option, const String& path, const String& why) {
-    XCode error(XCode::GENERIC_FAILURE);
-    return error.setStringF("%s %s: %s", option, path.c_str(), why.c_str());
+    return XCode::FAILURE_F("%s %s: %s", option, path.c_str(), why.c_str());
 }
 
 // Opens the file and reads one block of it. A FIFO or device is refused before it is opened: the

@@ -91,7 +91,7 @@ std::unique_ptr<ProvisioningJob> BUILD_JOB(const JobRequest& request, KtEventLoo
                                                       request.compare, request.locations,
                                                       request.credentials, resolver, handler);
     } else {
-        error = XCode(XCode::GENERIC_FAILURE);
+        error = XCode::FAILURE();
         error.setStringF("UNKNOWN JOB KIND %s", kind.c_str());
         return nullptr;
     }
@@ -132,7 +132,7 @@ JobOutcome RUN_JOB(const JobRequest& request, KtEventLoop& loop, const JobWatche
         job.reset();
         handler.outcome.interrupted = true;
         handler.outcome.stopSignal = STOP_SIGNAL();
-        handler.outcome.result = XCode(XCode::GENERIC_FAILURE);
+        handler.outcome.result = XCode::FAILURE();
         handler.outcome.result.setStringF("INTERRUPTED BY SIGNAL %d", STOP_SIGNAL());
     }
     job.reset();

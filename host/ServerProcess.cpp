@@ -33,10 +33,6 @@ XCode systemError(const char* what) {
     return XCode::fromErrno(error).setStringF("%s: %s", what, std::strerror(error));
 }
 
-XCode failure(const String& message) {
-    return XCode(XCode::GENERIC_FAILURE).setString(message);
-}
-
 int remainingMs(Clock::time_point deadline) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
@@ -122,7 +118,7 @@ XCode PROBE_TFTP(unsigned int port, ServerProcess& process) {
     request += "octet";
     request.push_back('\0');
     const Clock::time_point deadline = Clock::now() + SERVER_START_DEADLINE;
-    XCode result = failure("in.tftpd did not answer in time");
+    XCode result = XCode::FAILURE("in.tftpd did not answer in time");
     while (Clock::now() < deadline && STOP_SIGNAL() == 0 && process.running()) {
         ::sendto(fd, request.data(), request.size(), 0, reinterpret_cast<const sockaddr*>(&server),
                  sizeof server);
@@ -139,7 +135,7 @@ XCode PROBE_TFTP(unsigned int port, ServerProcess& process) {
     }
     ::close(fd);
     if (result.isErr() && !process.running()) {
-        result = failure("in.tftpd ended at start");
+        result = XCode::FAILURE("in.tftpd ended at start");
     }
     return result;
 }
@@ -154,7 +150,7 @@ XCode PROBE_HTTP(unsigned int port, ServerProcess& process) {
     }
     const sockaddr_in server = loopback(port);
     const char request[] = "GET / HTTP/1.0\r\n\r\n";
-    XCode result = failure("lighttpd did not answer in time");
+    XCode result = XCode::FAILURE("lighttpd did not answer in time");
     if (::connect(fd, reinterpret_cast<const sockaddr*>(&server), sizeof server) != 0) {
         result = systemError("connect");
     } else if (::send(fd, request, sizeof request - 1, MSG_NOSIGNAL) < 0) {
@@ -165,15 +161,16 @@ XCode PROBE_HTTP(unsigned int port, ServerProcess& process) {
             // Short slices: the server's exit and a stop signal are noticed between them.
             if (::poll(&readable, 1, std::min(remainingMs(deadline), 100)) > 0) {
                 char byte;
-                result = ::recv(fd, &byte, 1, 0) > 0 ? XCode(XCode::SUCCESS)
-                                                     : failure("lighttpd closed the connection");
+                result = ::recv(fd, &byte, 1, 0) > 0
+                             ? XCode(XCode::SUCCESS)
+                             : XCode::FAILURE("lighttpd closed the connection");
                 break;
             }
         }
     }
     ::close(fd);
     if (result.isErr() && !process.running()) {
-        result = failure("lighttpd ended at start");
+        result = XCode::FAILURE("lighttpd ended at start");
     }
     return result;
 }
@@ -220,7 +217,7 @@ ServerProcess::~ServerProcess() {
 
 XCode ServerProcess::spawn(const Spec& spec) {
     if (pid_ > 0 || spec.argv.empty()) {
-        return failure("server process already started or without program");
+        return XCode::FAILURE("server process already started or without program");
     }
     // Everything the child needs is built here: after fork() it may not allocate.
     std::vector<std::string> env;

@@ -21,7 +21,7 @@ class KtList {
     // Moves the first element into `item`; an error, `item` untouched, when the list is empty.
     [[nodiscard]] XCode popFront(T& item) {
         if (items_.empty()) {
-            return testExpression(false);
+            return XCode::FAILURE();
         }
         item = std::move(items_.front());
         items_.pop_front();

@@ -22,7 +22,7 @@ using XCodeValue = std::uint32_t;
 //   0x7FFFFFFF          the generic failure; the message says what failed
 // A code without message is the bare value; a message moves value and message into a record that
 // the code owns. Copies are deep.
-class XCode {
+class [[nodiscard]] XCode {
   public:
     static constexpr XCodeValue SUCCESS = 0;
     static constexpr XCodeValue GENERIC_FAILURE = 0x7FFFFFFF;
@@ -48,6 +48,14 @@ class XCode {
         return XCode((family << 24) | (detail & 0xFFFFFF));
     }
     static XCode fromErrno(int error);
+    // The generic failure, the one spelling of a failure that has no code of its own: without a
+    // message, with one, or with one made by printf.
+    static XCode FAILURE() { return XCode(GENERIC_FAILURE); }
+    static XCode FAILURE(const String& message);
+    static XCode FAILURE_F(const char* format, ...) KT_PRINTF(1, 2);
+    // A failed system call: errno's code with "<what> <path>: <strerror(error)>" ("<path>:
+    // <strerror(error)>" for an empty `what`).
+    static XCode SYSTEM_FAILURE(int error, const char* what, const String& path);
     static XCode httpStatus(int status) {
         return family(HTTP_FAMILY, static_cast<XCodeValue>(status));
     }

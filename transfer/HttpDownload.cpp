@@ -212,9 +212,9 @@ void ProvisioningJob::onHttpFinalResult(bool https, const String& /*uri*/, const
 }
 
 XCode ProvisioningJob::startFileUploadHttp(unsigned int, const String&, const String&) {
-    return XCode(-1).setString("HTTP UPLOAD NOT SUPPORTED YET");
+    return XCode::FAILURE("HTTP UPLOAD NOT SUPPORTED YET");
 }
 
 XCode ProvisioningJob::startFileUploadHttps(unsigned int, const String&, const String&) {
-    return XCode(-1).setString("HTTPS UPLOAD NOT SUPPORTED YET");
+    return XCode::FAILURE("HTTPS UPLOAD NOT SUPPORTED YET");
 }

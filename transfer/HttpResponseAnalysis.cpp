@@ -37,12 +37,6 @@ const char* WGET_EXIT_STATUS_TEXT(unsigned int status) {
     }
 }
 
-XCode failure(const char* message) {
-    XCode result = testExpression(false);
-    result.setString(message);
-    return result;
-}
-
 // wget prints the server's response lines indented by two blanks, among lines of its own
 // ("Location: /x [following]", "Length: 3"), and a header value may itself hold "HTTP/" (python's
 // "Server: SimpleHTTP/0.6") or a header name ("Content-Location:"). So the analysis works on whole
@@ -120,21 +114,21 @@ XCode ProvisioningHttpClient::parseResponseLine(const String& text, int& status,
                                                 String& statusLine) {
     int start = lastStatusLine(text);
     if (start < 0) {
-        return failure("START OF STATUS LINE NOT FOUND");
+        return XCode::FAILURE("START OF STATUS LINE NOT FOUND");
     }
     int end = text.indexOf("\n", start);
     if (end < 0) {
-        return failure("END OF STATUS LINE NOT FOUND");
+        return XCode::FAILURE("END OF STATUS LINE NOT FOUND");
     }
     statusLine = text.substring(start, end);
     StringTokenizer tokenizer(statusLine, " ");
     if (tokenizer.countTokens() < 2) {
-        return failure("STATUS CODE NOT FOUND");
+        return XCode::FAILURE("STATUS CODE NOT FOUND");
     }
     tokenizer.nextToken();
     int code = tokenizer.nextToken().toInteger();
     if (code == -1) {
-        return failure("FAILED TO PARSE STATUS CODE");
+        return XCode::FAILURE("FAILED TO PARSE STATUS CODE");
     }
     status = code;
     return XCode();
@@ -144,15 +138,15 @@ XCode ProvisioningHttpClient::getHeaderLine(const String& text, const String& he
                                             String& line) const {
     int responseStart = lastStatusLine(text);
     if (responseStart < 0) {
-        return failure("START OF STATUS LINE NOT FOUND");
+        return XCode::FAILURE("START OF STATUS LINE NOT FOUND");
     }
     int start = headerLineOf(text, responseStart, headerName);
     if (start < 0) {
-        return failure("START OF HEADER NOT FOUND");
+        return XCode::FAILURE("START OF HEADER NOT FOUND");
     }
     int end = text.indexOf("\n", start);
     if (end < 0) {
-        return failure("END OF HEADER LINE NOT FOUND");
+        return XCode::FAILURE("END OF HEADER LINE NOT FOUND");
     }
     line = text.substring(start, end);
     return XCode();
@@ -166,7 +160,7 @@ XCode ProvisioningHttpClient::parseLocationHeader(const String& text) {
     }
     int blank = line.indexOf(' ');
     if (blank < 0) {
-        return failure("MISSING WSP");
+        return XCode::FAILURE("MISSING WSP");
     }
     line.deleteRegion(0, blank).trim();
     location = line;
@@ -181,12 +175,12 @@ XCode ProvisioningHttpClient::parseAuthHeader(const String& text) {
     }
     int blank = line.indexOf(' ');
     if (blank < 0) {
-        return failure("MISSING WSP");
+        return XCode::FAILURE("MISSING WSP");
     }
     line.deleteRegion(0, blank).trim();
     blank = line.indexOf(' ');
     if (blank < 0) {
-        return failure("MISSING WSP");
+        return XCode::FAILURE("MISSING WSP");
     }
     authScheme = line.substring(0, blank);
     line.deleteRegion(0, blank).trim();
@@ -237,7 +231,7 @@ void ProvisioningHttpClient::onWgetResult(XCode result, String output) {
                         outcome = XCode::httpStatus(401);
                     }
                 } else {
-                    outcome = XCode(-1);
+                    outcome = XCode::FAILURE();
                     outcome.extendString(
                         String::format("UNHANDLED AUTH RESPONSE STATUS: %s", statusLine.c_str()),
                         ": ");

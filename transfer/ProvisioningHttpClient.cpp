@@ -170,7 +170,7 @@ XCode ProvisioningHttpClient::getHttpHttps(const String& url, const String& user
     XCode result;
     if (KtEventLoop::current() == &eventLoop) {
         // The outcome is produced on this very loop: waiting here would never end.
-        result = testExpression(false);
+        result = XCode::FAILURE();
         result.setString("BLOCKING HTTP CALL ON THE CLIENT'S EVENT LOOP");
         ProvLog::progressPrefixed(String::format("[%s/HTTP] ", name.c_str()), result.toString());
         return result;

@@ -25,7 +25,7 @@ bool isSingleArgument(const String& value) {
 }
 
 XCode invalidArgument() {
-    return testExpression(false).setString("INVALID CHARACTER IN TFTP ARGUMENT");
+    return XCode::FAILURE("INVALID CHARACTER IN TFTP ARGUMENT");
 }
 
 // TFTP knows a file name and nothing else: no user or password, and no query that a server could
@@ -34,11 +34,10 @@ XCode invalidArgument() {
 // A fragment is the client's own and is dropped, as for HTTP.
 XCode refuseWhatTftpCannotSend(const UriUtil::Login& login, const String& remotePath) {
     if (login.given) {
-        return testExpression(false).setString(
-            "INVALID LOCATION: TFTP cannot send a user or password");
+        return XCode::FAILURE("INVALID LOCATION: TFTP cannot send a user or password");
     }
     if (UriUtil::pathOnly(remotePath) != UriUtil::withoutFragment(remotePath)) {
-        return testExpression(false).setString("INVALID LOCATION: TFTP cannot send a query");
+        return XCode::FAILURE("INVALID LOCATION: TFTP cannot send a query");
     }
     return testExpression(true);
 }

@@ -32,8 +32,7 @@ XCode ConfigProvisioningJob::onSuccessfulFileDownload() {
             bool unchanged = isUnchanged(downloaded);
             // Validation also applies to an unchanged configuration.
             if (!isValidConfig(downloaded)) {
-                result =
-                    testExpression(false).setString("DOWNLOADED FILE IS NOT A VALID CONFIGURATION");
+                result = XCode::FAILURE("DOWNLOADED FILE IS NOT A VALID CONFIGURATION");
             } else if (unchanged) {
                 // Intended silence: an unchanged configuration writes no transfer-log line.
                 return result;

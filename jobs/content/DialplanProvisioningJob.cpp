@@ -45,7 +45,7 @@ XCode DialplanProvisioningJob::onSuccessfulFileDownload() {
     if (result.isErr()) {
         addXferLogEntry(result.toString(), "");
         // Unlike the other content jobs, the reason is only in the transfer log; intended.
-        return testExpression(false);
+        return XCode::FAILURE();
     }
     ProvLog::log(MON_EVENT, ProvLog::LEVEL_PROGRESS, "[%s] Received and stored dialplan update", n);
     addXferLogEntry("succeeded", "");

@@ -23,7 +23,7 @@ XCode STORE(const String& devicePath, const String& content, unsigned int mode) 
     // A name from a server that names a folder ("", ".", "..") is never written.
     String fileName = LAST_COMPONENT(devicePath, '/');
     if (fileName.isEmpty() || fileName == "." || fileName == "..") {
-        return testExpression(false).setStringF("INVALID FILE NAME: %s", devicePath.c_str());
+        return XCode::FAILURE_F("INVALID FILE NAME: %s", devicePath.c_str());
     }
     KtFile file(devicePath, true, false);
     XCode result = file.open(OPEN_WRITE_CREATE_TRUNCATE, mode, KtFile::XO_CLOSE_ON_EXEC);

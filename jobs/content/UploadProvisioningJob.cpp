@@ -37,5 +37,5 @@ CdrUploadJob::CdrUploadJob(KtEventLoop& loop, const String& jobName, const Strin
 }
 
 XCode CdrUploadJob::getFileForUpload() {
-    return testExpression(false).setString("NOT IMPLEMENTED");
+    return XCode::FAILURE("NOT IMPLEMENTED");
 }

@@ -47,7 +47,7 @@ XCode WizardProvisioningJob::onSuccessfulFileDownload() {
         }
         // Validation also applies to an unchanged wizard.
         if (!isValidWizard(downloaded)) {
-            result = testExpression(false).setString("DOWNLOADED FILE IS NOT A VALID WIZARD");
+            result = XCode::FAILURE("DOWNLOADED FILE IS NOT A VALID WIZARD");
         } else if (unchanged) {
             return result;
         } else {

@@ -101,7 +101,7 @@ XCode FirmwareProvisioningJob::getImageVersionOfManifest(const String& manifest,
     if (!entry.hasParam("sw_type") || !entry.hasParam("sw_version") ||
         !entry.hasParam("sw_build_num")) {
         // "INFORMATIONS" is the message as the management process knows it; keep the spelling.
-        return XCode(-1).setString("SOFTWARE INFORMATIONS ARE MISSING IN MANIFEST");
+        return XCode::FAILURE("SOFTWARE INFORMATIONS ARE MISSING IN MANIFEST");
     }
     version = entry.getParam("sw_type") + " " + entry.getParam("sw_version") + " " +
               entry.getParam("sw_build_num");

@@ -18,7 +18,7 @@ ScriptProvisioningJob::ScriptProvisioningJob(KtEventLoop& loop, const String& jo
     // The name becomes the fingerprint's file name in "/flash/provisioning/": one that would
     // reach outside it (a key, say) is refused before anything is read, fetched or stored.
     if (!IS_VALID_NAME(name)) {
-        refuseToStart(testExpression(false).setStringF("INVALID SCRIPT NAME '%s'", name.c_str()));
+        refuseToStart(XCode::FAILURE_F("INVALID SCRIPT NAME '%s'", name.c_str()));
     }
 }
 

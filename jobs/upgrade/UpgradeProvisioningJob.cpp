@@ -41,14 +41,14 @@ XCode UpgradeProvisioningJob::chooseFlow(Flow& flow) const {
         flow = Flow::Manifest;
         return testExpression(true);
     }
-    return XCode(-1).setString("Provisioned file type not supported");
+    return XCode::FAILURE("Provisioned file type not supported");
 }
 
 XCode UpgradeProvisioningJob::READ_UPGRADE_TEXT(const String& filePath, String& text) {
     XCode result = READ_WORK_FILE(filePath, text, FileNode::MANIFEST_CAP(),
                                   "Cannot read content of downloaded script");
     if (result.isSuccess() && text.length() < MINIMUM_TEXT_LENGTH) {
-        return XCode(-1).setString("Size of downloaded script too small");
+        return XCode::FAILURE("Size of downloaded script too small");
     }
     return result;
 }
@@ -59,7 +59,7 @@ XCode UpgradeProvisioningJob::readArchiveManifest(String& text) const {
     // location's choosing ("--to-command=sh" runs the member as a script): refused.
     for (char c : outFile.str()) {
         if (c == ' ' || c == '\t' || c == '"' || c == '\n' || c == '\r') {
-            return XCode(-1).setString("INVALID CHARACTER IN ARCHIVE NAME");
+            return XCode::FAILURE("INVALID CHARACTER IN ARCHIVE NAME");
         }
     }
     // tar writes through a link it finds under the member's name, and into a directory: nothing
@@ -103,8 +103,8 @@ XCode UpgradeProvisioningJob::CHECK_EXTRACTED_MANIFEST() {
     XCode result = FileNode::INSPECT(EXTRACTED_MANIFEST, info);
     if (result.isSuccess() && info.kind != FileNode::Kind::Missing &&
         !FileNode::IS_PLAIN_FILE(info)) {
-        result = XCode(-1).setStringF("UNSAFE MEMBER IN ARCHIVE: manifest %s",
-                                      FileNode::WHY_NOT_PLAIN(info).c_str());
+        result = XCode::FAILURE_F("UNSAFE MEMBER IN ARCHIVE: manifest %s",
+                                  FileNode::WHY_NOT_PLAIN(info).c_str());
     }
     return result;
 }
@@ -133,7 +133,7 @@ XCode UpgradeProvisioningJob::startUpgradeFromLocation() {
             scheme = "https";
             break;
         default:
-            return XCode(-1).setString("Invalid protocol");
+            return XCode::FAILURE("Invalid protocol");
     }
     std::vector<String> files{UriUtil::buildUri(scheme, host, port, UriUtil::withoutFragment(path)),
                               DESTINATION};

@@ -119,8 +119,7 @@ XCode MAP_PATH_CHECKED(const String& devicePath, String& hostPath) {
     bool left = false;
     String mapped = mapBelow(*directory, devicePath, left);
     if (left) {
-        XCode refused(XCode::GENERIC_FAILURE);
-        return refused.setStringF(
+        return XCode::FAILURE_F(
             directory == &FLASH ? "PATH LEAVES FLASH: %s" : "PATH LEAVES THE WORK DIRECTORY: %s",
             devicePath.c_str());
     }
@@ -172,7 +171,7 @@ XCode CHECK_WORK_DIRECTORY() {
     if (::lstat(hostPath.c_str(), &status) != 0) {
         return errnoError(errno, "UNSAFE WORK DIRECTORY", hostPath);
     }
-    XCode refused(XCode::GENERIC_FAILURE);
+    XCode refused = XCode::FAILURE();
     if (S_ISLNK(status.st_mode)) {
         return refused.setStringF("UNSAFE WORK DIRECTORY %s: symbolic link", hostPath.c_str());
     }
@@ -194,8 +193,7 @@ XCode CHECK_WORK_DIRECTORY() {
 
 XCode MAKE_DIRECTORIES(const String& hostPath) {
     if (hostPath.isEmpty()) {
-        XCode refused(XCode::GENERIC_FAILURE);
-        return refused.setString("CANNOT CREATE DIRECTORY: empty path");
+        return XCode::FAILURE("CANNOT CREATE DIRECTORY: empty path");
     }
     int position = 0;
     while (position >= 0) {

@@ -29,7 +29,7 @@ XCode systemError(int error, const char* what, const String& path) {
 }
 
 XCode refusal() {
-    return XCode(XCode::GENERIC_FAILURE);
+    return XCode::FAILURE();
 }
 
 Kind kindOf(mode_t mode) {

@@ -46,14 +46,12 @@ XCode KtManifestParser::parse(const String& text) {
         String key;
         String value;
         if (!line.split('=', key, value)) {
-            XCode error(XCode::GENERIC_FAILURE);
-            return error.setStringF("MANIFEST PARSE ERROR AT LINE %u: missing '='",
+            return XCode::FAILURE_F("MANIFEST PARSE ERROR AT LINE %u: missing '='",
                                     static_cast<unsigned int>(index + 1));
         }
         key.trim();
         if (key.isEmpty()) {
-            XCode error(XCode::GENERIC_FAILURE);
-            return error.setStringF("MANIFEST PARSE ERROR AT LINE %u: missing key",
+            return XCode::FAILURE_F("MANIFEST PARSE ERROR AT LINE %u: missing key",
                                     static_cast<unsigned int>(index + 1));
         }
         entry.setParam(key, value);
@@ -65,8 +63,7 @@ XCode KtManifestParser::parse(const String& text) {
 
 XCode KtManifestParser::getManifestEntry(KtManifestEntry& entry) const {
     if (!parsed_ || entry_.params().empty()) {
-        XCode error(XCode::GENERIC_FAILURE);
-        return error.setString("NO MANIFEST ENTRY");
+        return XCode::FAILURE("NO MANIFEST ENTRY");
     }
     entry = entry_;
     return XCode::SUCCESS;

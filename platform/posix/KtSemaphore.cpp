@@ -14,8 +14,7 @@ XCode KtSemaphore::signal() {
     {
         std::lock_guard<std::mutex> guard(mutex_);
         if (count_ >= maximum_) {
-            XCode code(XCode::GENERIC_FAILURE);
-            return code.setString("SEMAPHORE COUNT AT MAXIMUM");
+            return XCode::FAILURE("SEMAPHORE COUNT AT MAXIMUM");
         }
         ++count_;
     }

@@ -13,10 +13,6 @@ namespace {
 
 constexpr std::size_t READ_BLOCK = 4096;
 
-XCode systemFailure(int error, const String& path) {
-    return XCode::fromErrno(error).setStringF("%s: %s", path.c_str(), std::strerror(error));
-}
-
 // Reads `fd` to its end, at most `maxSize` bytes.
 XCode readAll(int fd, const String& what, std::size_t maxSize, String& text) {
     text = String();
@@ -27,7 +23,7 @@ XCode readAll(int fd, const String& what, std::size_t maxSize, String& text) {
             continue;
         }
         if (count < 0) {
-            return systemFailure(errno, what);
+            return XCode::SYSTEM_FAILURE(errno, "", what);
         }
         if (count == 0) {
             return XCode();
@@ -35,8 +31,7 @@ XCode readAll(int fd, const String& what, std::size_t maxSize, String& text) {
         text.append(buffer, static_cast<std::size_t>(count));
         if (static_cast<std::size_t>(text.length()) > maxSize) {
             text = String();
-            return XCode(XCode::GENERIC_FAILURE)
-                .setStringF("%s: larger than %zu bytes", what.c_str(), maxSize);
+            return XCode::FAILURE_F("%s: larger than %zu bytes", what.c_str(), maxSize);
         }
     }
 }
@@ -63,11 +58,11 @@ const char* fileKind(mode_t mode) {
 XCode missingOrDangling(const String& path, bool& exists) {
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0) {
-        return errno == ENOENT ? XCode() : systemFailure(errno, path);
+        return errno == ENOENT ? XCode() : XCode::SYSTEM_FAILURE(errno, "", path);
     }
     exists = true;
     if (!S_ISLNK(status.st_mode)) {
-        return systemFailure(ENOENT, path);  // it came back between open and lstat
+        return XCode::SYSTEM_FAILURE(ENOENT, "", path);  // it came back between open and lstat
     }
     char target[4096];
     const ssize_t length = ::readlink(path.c_str(), target, sizeof target - 1);
@@ -86,17 +81,16 @@ XCode READ(const String& path, std::size_t maxSize, String& text, Access& access
         return missingOrDangling(path, exists);
     }
     if (fd < 0) {
-        return systemFailure(errno, path);
+        return XCode::SYSTEM_FAILURE(errno, "", path);
     }
     exists = true;
     struct stat status {};
     XCode result;
     if (::fstat(fd, &status) != 0) {
-        result = systemFailure(errno, path);
+        result = XCode::SYSTEM_FAILURE(errno, "", path);
     } else if (!S_ISREG(status.st_mode)) {
         result =
-            XCode(XCode::GENERIC_FAILURE)
-                .setStringF("%s: not a regular file (%s)", path.c_str(), fileKind(status.st_mode));
+            XCode::FAILURE_F("%s: not a regular file (%s)", path.c_str(), fileKind(status.st_mode));
     } else {
         access.mode = static_cast<unsigned int>(status.st_mode & 07777);
         access.owner = static_cast<unsigned int>(status.st_uid);
@@ -110,11 +104,11 @@ XCode READ(const String& path, std::size_t maxSize, String& text, Access& access
 XCode WRITE(const String& path, const String& text) {
     int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) {
-        return systemFailure(errno, path);
+        return XCode::SYSTEM_FAILURE(errno, "", path);
     }
     XCode result;
     if (::fchmod(fd, 0600) != 0) {
-        result = systemFailure(errno, path);
+        result = XCode::SYSTEM_FAILURE(errno, "", path);
     }
     const char* data = text.data();
     std::size_t left = static_cast<std::size_t>(text.length());
@@ -124,14 +118,14 @@ XCode WRITE(const String& path, const String& text) {
             continue;
         }
         if (written <= 0) {
-            result = systemFailure(written < 0 ? errno : EIO, path);
+            result = XCode::SYSTEM_FAILURE(written < 0 ? errno : EIO, "", path);
             break;
         }
         data += written;
         left -= static_cast<std::size_t>(written);
     }
     if (::close(fd) != 0 && result.isSuccess()) {
-        result = systemFailure(errno, path);
+        result = XCode::SYSTEM_FAILURE(errno, "", path);
     }
     return result;
 }

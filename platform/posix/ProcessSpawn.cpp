@@ -381,10 +381,8 @@ XCode WAIT_STATUS_TO_XCODE(const String& program, int waitStatus) {
         code.setStringF("%s KILLED BY SIGNAL %d", program.c_str(), signal);
         return code;
     }
-    XCode code(XCode::GENERIC_FAILURE);
-    code.setStringF("%s ENDED WITH UNKNOWN STATUS 0x%X", program.c_str(),
-                    static_cast<unsigned>(waitStatus));
-    return code;
+    return XCode::FAILURE_F("%s ENDED WITH UNKNOWN STATUS 0x%X", program.c_str(),
+                            static_cast<unsigned>(waitStatus));
 }
 
 XCode CANNOT_START(const String& program, int error) {

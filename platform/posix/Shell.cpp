@@ -207,8 +207,7 @@ class SyncRun {
 template <>
 XCode Future<String>::wait() const {
     if (!command_) {
-        XCode code(XCode::GENERIC_FAILURE);
-        return code.setString("NO COMMAND TO WAIT FOR");
+        return XCode::FAILURE("NO COMMAND TO WAIT FOR");
     }
     return command_->wait();
 }
@@ -266,9 +265,8 @@ XCode Shell::JOIN_WORDS(const std::vector<String>& words, String& commandLine) {
     String joined;
     for (const String& word : words) {
         if (word.indexOf('"') >= 0 || word.indexOf('\0') >= 0) {
-            XCode refused(XCode::GENERIC_FAILURE);
-            return refused.setStringF("ARGUMENT CANNOT BE PASSED TO %s: %s", words.front().c_str(),
-                                      RTD::Monitor::ESCAPE_CONTROLS(word).c_str());
+            return XCode::FAILURE_F("ARGUMENT CANNOT BE PASSED TO %s: %s", words.front().c_str(),
+                                    RTD::Monitor::ESCAPE_CONTROLS(word).c_str());
         }
         const bool quote = word.isEmpty() || word.indexOf(' ') >= 0 || word.indexOf('\t') >= 0;
         if (!joined.isEmpty()) {

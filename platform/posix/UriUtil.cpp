@@ -50,8 +50,7 @@ bool locate(const String& text, Layout& layout) {
 // The location shows with its login masked: the text goes into logs and job results.
 XCode refuseUri(String& error, const String& uri, const char* reason) {
     error = String::format("Invalid URI '%s': %s", maskLogin(uri).c_str(), reason);
-    XCode code(XCode::GENERIC_FAILURE);
-    return code.setString(error);
+    return XCode::FAILURE(error);
 }
 
 // A host reaches tftp and wget as an argument of its own: it must not be readable as an option,

@@ -26,18 +26,6 @@ const char* const CA_DIRECTORY_OPTION = "--ca-directory=";
 // mkdtemp's template suffix.
 constexpr int UNIQUE_PART_LENGTH = 6;
 
-XCode failure(const char* message) {
-    XCode result = testExpression(false);
-    result.setString(message);
-    return result;
-}
-
-XCode systemFailure(int error, const char* what, const String& path) {
-    XCode result = XCode::fromErrno(error);
-    result.setStringF("%s %s: %s", what, path.c_str(), result.getString().c_str());
-    return result;
-}
-
 // The shell splits the command line into words at blanks and removes double quotes, and the
 // client quotes an argument that holds a blank; a '"' could not survive that, a line break or NUL
 // not the trip through exec.
@@ -55,12 +43,12 @@ bool isValidArgument(const String& argument) {
 XCode checkCredential(const String& value) {
     for (char c : value.str()) {
         if (c == '\n' || c == '\r' || c == '\0') {
-            return failure("INVALID CHARACTER IN WGET CREDENTIALS");
+            return XCode::FAILURE("INVALID CHARACTER IN WGET CREDENTIALS");
         }
     }
     auto isSpace = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
     if (!value.isEmpty() && (isSpace(value.at(0)) || isSpace(value.at(value.length() - 1)))) {
-        return failure("WHITE SPACE AROUND WGET CREDENTIALS");
+        return XCode::FAILURE("WHITE SPACE AROUND WGET CREDENTIALS");
     }
     return XCode();
 }
@@ -83,7 +71,7 @@ XCode makePrivateDirectory(String& directory) {
     }
     std::string made = hostPattern.str();
     if (::mkdtemp(&made[0]) == nullptr) {
-        return systemFailure(errno, "CANNOT CREATE", pattern);
+        return XCode::SYSTEM_FAILURE(errno, "CANNOT CREATE", pattern);
     }
     directory = String(SECRETS_DIRECTORY_PREFIX) +
                 String(made.substr(made.size() - static_cast<std::size_t>(UNIQUE_PART_LENGTH)));
@@ -94,7 +82,7 @@ XCode writeCredentials(const String& devicePath, const String& user, const Strin
     const String path = Device::MAP_PATH(devicePath);
     int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
-        return systemFailure(errno, "CANNOT CREATE", path);
+        return XCode::SYSTEM_FAILURE(errno, "CANNOT CREATE", path);
     }
     String content = String("http_user = ") + user + "\nhttp_password = " + password + "\n";
     const char* data = content.data();
@@ -108,7 +96,7 @@ XCode writeCredentials(const String& devicePath, const String& user, const Strin
             int error = written < 0 ? errno : EIO;
             ::close(fd);
             ::unlink(path.c_str());
-            return systemFailure(error, "CANNOT WRITE", path);
+            return XCode::SYSTEM_FAILURE(error, "CANNOT WRITE", path);
         }
         data += written;
         left -= static_cast<std::size_t>(written);
@@ -116,7 +104,7 @@ XCode writeCredentials(const String& devicePath, const String& user, const Strin
     if (::close(fd) != 0) {
         int error = errno;
         ::unlink(path.c_str());
-        return systemFailure(error, "CANNOT WRITE", path);
+        return XCode::SYSTEM_FAILURE(error, "CANNOT WRITE", path);
     }
     return XCode();
 }
@@ -153,7 +141,7 @@ XCode buildArgs(bool quiet, const String& url, const String& user, const String&
                 const String& extra) {
     args.clear();
     if (outFile.isEmpty() || outFile == "-") {
-        return failure("NO OUTPUT FILE FOR WGET");
+        return XCode::FAILURE("NO OUTPUT FILE FOR WGET");
     }
     const String& output = outFile;
     const String& caCertificate = https1;
@@ -171,7 +159,7 @@ XCode buildArgs(bool quiet, const String& url, const String& user, const String&
     for (const String* value : std::initializer_list<const String*>{
              &url, &output, &caCertificate, &certificate, &privateKey, &extra}) {
         if (!isValidArgument(*value)) {
-            return failure("INVALID CHARACTER IN WGET ARGUMENT");
+            return XCode::FAILURE("INVALID CHARACTER IN WGET ARGUMENT");
         }
     }
     bool sendCredentials = !user.isEmpty() || !password.isEmpty();
@@ -214,7 +202,7 @@ XCode buildArgs(bool quiet, const String& url, const String& user, const String&
         built.push_back(String("--ca-certificate=") + caCertificate);
         built.push_back(String(CA_DIRECTORY_OPTION) + path);
         if (result.isSuccess() && ::mkdir(Device::MAP_PATH(path).c_str(), 0700) != 0) {
-            result = systemFailure(errno, "CANNOT CREATE", path);
+            result = XCode::SYSTEM_FAILURE(errno, "CANNOT CREATE", path);
         }
     }
     if (!certificate.isEmpty()) {

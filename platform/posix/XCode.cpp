@@ -27,6 +27,28 @@ XCode XCode::fromErrno(int error) {
     return code.setString(std::strerror(error));
 }
 
+XCode XCode::FAILURE(const String& message) {
+    XCode code(GENERIC_FAILURE);
+    return code.setString(message);
+}
+
+XCode XCode::FAILURE_F(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    XCode code(GENERIC_FAILURE);
+    code.setString(String::vformat(format, args));
+    va_end(args);
+    return code;
+}
+
+XCode XCode::SYSTEM_FAILURE(int error, const char* what, const String& path) {
+    XCode code = family(ERRNO_FAMILY, static_cast<XCodeValue>(error));
+    if (what == nullptr || *what == '\0') {
+        return code.setStringF("%s: %s", path.c_str(), std::strerror(error));
+    }
+    return code.setStringF("%s %s: %s", what, path.c_str(), std::strerror(error));
+}
+
 XCode& XCode::setString(const String& message) {
     if (record_) {
         record_->message = message;

@@ -15,10 +15,9 @@
 
 namespace {
 
-XCode failure(String& error, const String& text) {
+XCode failWith(String& error, const String& text) {
     error = text;
-    XCode code(XCode::GENERIC_FAILURE);
-    return code.setString(text);
+    return XCode::FAILURE(text);
 }
 
 // The system's reason for a failed file operation: strerror of its errno, or its own message.
@@ -33,11 +32,11 @@ String reasonOf(const XCode& code) {
 // and any name while no device directory is set.
 XCode configurationPath(const String& name, String& path, String& error) {
     if (name.isEmpty() || name.indexOf('/') >= 0 || name.indexOf("..") >= 0) {
-        return failure(error, String::format("Invalid configuration name '%s'", name.c_str()));
+        return failWith(error, String::format("Invalid configuration name '%s'", name.c_str()));
     }
     if (Device::ROOT().isEmpty()) {
-        return failure(error,
-                       String::format("No device directory for configuration '%s'", name.c_str()));
+        return failWith(error,
+                        String::format("No device directory for configuration '%s'", name.c_str()));
     }
     path = Device::ROOT() + "/config/" + name;
     return XCode::SUCCESS;
@@ -61,10 +60,10 @@ XCode GET_CONFIGURATION_CONTENT(const String& name, String& content, String& err
     result = KtFile::READ_TEXT_FILE<String>(path, stored, O_RDONLY, false, true);
     if (result.isErr()) {
         if (result.getFamily() == XCode::ERRNO_FAMILY && result.getDetail() == ENOENT) {
-            return failure(error, String::format("No configuration '%s' stored", name.c_str()));
+            return failWith(error, String::format("No configuration '%s' stored", name.c_str()));
         }
-        return failure(error, String::format("Cannot read configuration '%s': %s", name.c_str(),
-                                             reasonOf(result).c_str()));
+        return failWith(error, String::format("Cannot read configuration '%s': %s", name.c_str(),
+                                              reasonOf(result).c_str()));
     }
     content = stored;
     return XCode::SUCCESS;
@@ -78,8 +77,8 @@ XCode STORE_CONFIGURATION_CONTENT(const String& name, const String& content, Str
     }
     result = KtFile::WRITE_TEXT_FILE(path, content, false);
     if (result.isErr()) {
-        return failure(error, String::format("Cannot store configuration '%s': %s", name.c_str(),
-                                             reasonOf(result).c_str()));
+        return failWith(error, String::format("Cannot store configuration '%s': %s", name.c_str(),
+                                              reasonOf(result).c_str()));
     }
     return XCode::SUCCESS;
 }
@@ -178,10 +177,8 @@ bool isExecutable(const ConfigLine& line, bool afterCommand, const std::vector<S
 }
 
 XCode executionFailure(std::size_t index, const ConfigLine& line) {
-    XCode failure(XCode::GENERIC_FAILURE);
-    return failure.setStringF("EXECUTION FAILED AT LINE %u: %s",
-                              static_cast<unsigned int>(index + 1),
-                              RTD::Monitor::ESCAPE_CONTROLS(line.command).c_str());
+    return XCode::FAILURE_F("EXECUTION FAILED AT LINE %u: %s", static_cast<unsigned int>(index + 1),
+                            RTD::Monitor::ESCAPE_CONTROLS(line.command).c_str());
 }
 
 // Serialises the read-modify-write of running-config between callers on different threads.

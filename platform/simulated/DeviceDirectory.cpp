@@ -68,8 +68,7 @@ const DeviceFromEnvironment DEVICE_FROM_ENVIRONMENT;
 XCode PREPARE() {
     const String root = ROOT();
     if (root.isEmpty()) {
-        XCode refused(XCode::GENERIC_FAILURE);
-        return refused.setString("NO DEVICE DIRECTORY SET");
+        return XCode::FAILURE("NO DEVICE DIRECTORY SET");
     }
     const char* const directories[] = {"/flash",
                                        "/flash/dialplan",

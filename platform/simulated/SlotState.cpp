@@ -30,9 +30,8 @@ XCode findFile(const String& path, bool& exists) {
 }
 
 XCode lineError(const String& path, std::size_t line, const String& what) {
-    XCode error(XCode::GENERIC_FAILURE);
-    error.setStringF("%s:%u: %s", path.c_str(), static_cast<unsigned int>(line), what.c_str());
-    return error;
+    return XCode::FAILURE_F("%s:%u: %s", path.c_str(), static_cast<unsigned int>(line),
+                            what.c_str());
 }
 
 // Sets `key` of `state`; false, with `problem` saying why, for a key or a value that the device

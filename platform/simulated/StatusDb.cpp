@@ -54,10 +54,9 @@ XCode SystemProvisioningStatus::find(const Cfg::QueryAllByKey::Key& key,
     std::lock_guard<std::mutex> lock(db.mutex);
     if (!db.available || key.objectType != PROVISIONING_OBJECT_TYPE ||
         key.objectStatus != PROVISIONING_OBJECT_STATUS) {
-        XCode missing(XCode::GENERIC_FAILURE);
-        return missing.setStringF("NO STATUS RECORD FOR KEY (%u, %u)",
-                                  static_cast<unsigned int>(key.objectType),
-                                  static_cast<unsigned int>(key.objectStatus));
+        return XCode::FAILURE_F("NO STATUS RECORD FOR KEY (%u, %u)",
+                                static_cast<unsigned int>(key.objectType),
+                                static_cast<unsigned int>(key.objectStatus));
     }
     record = db.record;
     return XCode::SUCCESS;

@@ -42,7 +42,7 @@ XCode listArchive(const String& archive, bool& hasManifest, bool& hasImage) {
     // the output) cannot be taken for member names.
     String command;
     if (Kt::Shell::JOIN_WORDS({"tar", "--quoting-style=c", "-t", "-f", archive}, command).isErr()) {
-        return failure("INVALID ARCHIVE NAME %s", archive.c_str());
+        return XCode::FAILURE_F("INVALID ARCHIVE NAME %s", archive.c_str());
     }
     String listing;
     XCode result = Kt::Shell::execute(command, &listing);
@@ -58,7 +58,7 @@ XCode listArchive(const String& archive, bool& hasManifest, bool& hasImage) {
             continue;
         }
         if (isUnsafeMember(member)) {
-            return failure("UNSAFE MEMBER IN ARCHIVE: %s", member.c_str());
+            return XCode::FAILURE_F("UNSAFE MEMBER IN ARCHIVE: %s", member.c_str());
         }
         hasManifest = hasManifest || member == "manifest";
         hasImage = hasImage || member == "image";
@@ -76,7 +76,7 @@ XCode EXTRACT_ARCHIVE(StepContext& context, const String& archive, const String&
         return result;
     }
     if (!hasManifest) {
-        return failure("MANIFEST MISSING IN ARCHIVE");
+        return XCode::FAILURE_F("MANIFEST MISSING IN ARCHIVE");
     }
     result = context.checkStop();
     if (result.isErr()) {

@@ -100,7 +100,7 @@ XCode startWorker(std::shared_ptr<Upgrade> upgrade) {
         std::thread::id id = worker.get_id();
         c.workers.emplace(id, std::move(worker));
     } catch (const std::system_error& error) {
-        return failure("CANNOT START UPGRADE: %s", error.what());
+        return XCode::FAILURE_F("CANNOT START UPGRADE: %s", error.what());
     }
     ++c.running;
     return XCode(XCode::SUCCESS);
@@ -121,28 +121,28 @@ bool isSupportedSource(const String& source) {
 
 XCode validate(const Request& request) {
     if (request.action != ACTION) {
-        return failure("UNSUPPORTED UPGRADE ACTION %s", request.action.c_str());
+        return XCode::FAILURE_F("UNSUPPORTED UPGRADE ACTION %s", request.action.c_str());
     }
     if (request.files.size() != 2) {
-        return failure("UPGRADE NEEDS TWO FILES, GOT %u",
-                       static_cast<unsigned int>(request.files.size()));
+        return XCode::FAILURE_F("UPGRADE NEEDS TWO FILES, GOT %u",
+                                static_cast<unsigned int>(request.files.size()));
     }
     if (request.files[1] != DESTINATION) {
-        return failure("UNSUPPORTED UPGRADE DESTINATION %s", request.files[1].c_str());
+        return XCode::FAILURE_F("UNSUPPORTED UPGRADE DESTINATION %s", request.files[1].c_str());
     }
     if (!isSupportedSource(request.files[0])) {
-        return failure("UNSUPPORTED UPGRADE SOURCE %s", request.files[0].c_str());
+        return XCode::FAILURE_F("UNSUPPORTED UPGRADE SOURCE %s", request.files[0].c_str());
     }
     return XCode(XCode::SUCCESS);
 }
 
 XCode start(Request request, String& output) {
     if (request.handler == nullptr) {
-        return failure("NO UPGRADE HANDLER");
+        return XCode::FAILURE_F("NO UPGRADE HANDLER");
     }
     KtEventLoop* loop = KtEventLoop::current();
     if (loop == nullptr) {
-        return failure("NO EVENT LOOP FOR UPGRADE REPORTS");
+        return XCode::FAILURE_F("NO EVENT LOOP FOR UPGRADE REPORTS");
     }
     Controller& c = controller();
     Interceptor interceptor;
@@ -160,7 +160,7 @@ XCode start(Request request, String& output) {
     {
         std::lock_guard<std::mutex> lock(c.mutex);
         if (c.sessions.count(request.handler) != 0) {
-            return failure("UPGRADE ALREADY RUNNING");
+            return XCode::FAILURE_F("UPGRADE ALREADY RUNNING");
         }
         c.sessions[request.handler] = session;
     }

@@ -50,7 +50,8 @@ XCode wgetCommand(const Request& request, const String& uri, bool https, bool wi
     std::vector<String> words = wgetArgs;
     words.insert(words.begin(), "wget");
     const bool valid = Kt::Shell::JOIN_WORDS(words, command).isSuccess();
-    return valid ? result : failure("CANNOT FETCH %s: INVALID CHARACTER IN LOCATION", uri.c_str());
+    return valid ? result
+                 : XCode::FAILURE_F("CANNOT FETCH %s: INVALID CHARACTER IN LOCATION", uri.c_str());
 }
 
 XCode runFetch(const String& command, const String& uri, bool withCredentials) {
@@ -84,14 +85,14 @@ XCode FETCH(StepContext& context, const Request& request, const String& uri,
     String command;
     if (scheme == "tftp") {
         if (!tftpCommand(localFile, path, host, port, command)) {
-            return failure("CANNOT FETCH %s: INVALID CHARACTER IN LOCATION", uri.c_str());
+            return XCode::FAILURE_F("CANNOT FETCH %s: INVALID CHARACTER IN LOCATION", uri.c_str());
         }
         return runFetch(command, uri, false);
     }
     if (scheme != "http" && scheme != "https") {
         String upper = scheme;
-        return failure("CANNOT FETCH %s: PROTOCOL %s NOT SUPPORTED", uri.c_str(),
-                       upper.toUpperCase().c_str());
+        return XCode::FAILURE_F("CANNOT FETCH %s: PROTOCOL %s NOT SUPPORTED", uri.c_str(),
+                                upper.toUpperCase().c_str());
     }
     const bool withCredentials = mayCarryCredentials(request, uri);
     std::vector<String> wgetArgs;

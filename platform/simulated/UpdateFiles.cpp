@@ -35,19 +35,6 @@ String lastLine(const String& output) {
 
 }  // namespace
 
-XCode failure(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    String message = String::vformat(format, args);
-    va_end(args);
-    return XCode(XCode::GENERIC_FAILURE).setString(message);
-}
-
-XCode systemFailure(int error, const char* what, const String& path) {
-    return XCode::fromErrno(error).setStringF("%s %s: %s", what, path.c_str(),
-                                              std::strerror(error));
-}
-
 String describeToolFailure(const XCode& result, const String& output) {
     String detail = lastLine(output);
     return detail.isEmpty() ? result.toString() : result.toString() + ": " + detail;
@@ -61,7 +48,7 @@ XCode WorkDirectory::create() {
     }
     std::string name = hostTemplate.str();
     if (::mkdtemp(name.data()) == nullptr) {
-        return systemFailure(errno, "CANNOT CREATE", WORK_DIRECTORY_TEMPLATE);
+        return XCode::SYSTEM_FAILURE(errno, "CANNOT CREATE", WORK_DIRECTORY_TEMPLATE);
     }
     String templateText(WORK_DIRECTORY_TEMPLATE);
     path_ = templateText.substring(0, templateText.length() - UNIQUE_PART_LENGTH) +
@@ -93,17 +80,17 @@ XCode openRegularFile(const String& path, const char* what, Descriptor& fd, off_
     }
     fd.reset(::open(hostPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (fd.get() < 0 && errno == ELOOP) {
-        return failure("%s IS NOT A FILE", what);
+        return XCode::FAILURE_F("%s IS NOT A FILE", what);
     }
     if (fd.get() < 0) {
-        return systemFailure(errno, "CANNOT OPEN", path);
+        return XCode::SYSTEM_FAILURE(errno, "CANNOT OPEN", path);
     }
     struct stat status {};
     if (::fstat(fd.get(), &status) != 0) {
-        return systemFailure(errno, "CANNOT READ", path);
+        return XCode::SYSTEM_FAILURE(errno, "CANNOT READ", path);
     }
     if (!S_ISREG(status.st_mode)) {
-        return failure("%s IS NOT A FILE", what);
+        return XCode::FAILURE_F("%s IS NOT A FILE", what);
     }
     size = status.st_size;
     return XCode(XCode::SUCCESS);
@@ -112,10 +99,10 @@ XCode openRegularFile(const String& path, const char* what, Descriptor& fd, off_
 XCode readText(const String& path, const char* what, String& text) {
     XCode result = FileNode::READ_CAPPED(path, text, FileNode::CONTENT_CAP());
     if (FileNode::IS_TOO_LARGE(result)) {
-        return failure("%s TOO LARGE", what);
+        return XCode::FAILURE_F("%s TOO LARGE", what);
     }
     if (FileNode::IS_REFUSED(result)) {
-        return failure("%s IS NOT A FILE", what);
+        return XCode::FAILURE_F("%s IS NOT A FILE", what);
     }
     return result;
 }

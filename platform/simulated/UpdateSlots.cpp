@@ -55,13 +55,13 @@ XCode copyImage(StepContext& context, int source, int destination, unsigned long
             if (errno == EINTR) {
                 continue;
             }
-            return systemFailure(errno, "CANNOT READ", "image");
+            return XCode::SYSTEM_FAILURE(errno, "CANNOT READ", "image");
         }
         if (count == 0) {
             break;
         }
         if (!writeAll(destination, buffer.get(), static_cast<std::size_t>(count))) {
-            return systemFailure(errno, "CANNOT WRITE", temporary);
+            return XCode::SYSTEM_FAILURE(errno, "CANNOT WRITE", temporary);
         }
         written += static_cast<unsigned long long>(count);
         if (written >= nextReport && written < total) {
@@ -79,22 +79,22 @@ XCode replaceSlot(StepContext& context, const Descriptor& source, off_t size,
                   std::string& temporary, const String& target) {
     Descriptor destination(::mkostemp(temporary.data(), O_CLOEXEC));
     if (destination.get() < 0) {
-        return systemFailure(errno, "CANNOT CREATE", temporary);
+        return XCode::SYSTEM_FAILURE(errno, "CANNOT CREATE", temporary);
     }
     XCode result = copyImage(context, source.get(), destination.get(),
                              static_cast<unsigned long long>(size), temporary);
     if (result.isSuccess() && ::fchmod(destination.get(), 0644) != 0) {
-        result = systemFailure(errno, "CANNOT WRITE", temporary);
+        result = XCode::SYSTEM_FAILURE(errno, "CANNOT WRITE", temporary);
     }
     if (result.isSuccess() && ::fsync(destination.get()) != 0) {
-        result = systemFailure(errno, "CANNOT WRITE", temporary);
+        result = XCode::SYSTEM_FAILURE(errno, "CANNOT WRITE", temporary);
     }
     int closeError = destination.close();
     if (result.isSuccess() && closeError != 0) {
-        result = systemFailure(closeError, "CANNOT WRITE", temporary);
+        result = XCode::SYSTEM_FAILURE(closeError, "CANNOT WRITE", temporary);
     }
     if (result.isSuccess() && ::rename(temporary.c_str(), target.c_str()) != 0) {
-        result = systemFailure(errno, "CANNOT WRITE", target);
+        result = XCode::SYSTEM_FAILURE(errno, "CANNOT WRITE", target);
     }
     if (result.isErr()) {
         ::unlink(temporary.c_str());
@@ -117,7 +117,7 @@ XCode WRITE_IMAGE(StepContext& context, const String& imageFile, const String& v
         return result;
     }
     if (Device::ROOT().isEmpty()) {
-        return failure("NO DEVICE DIRECTORY SET");
+        return XCode::FAILURE_F("NO DEVICE DIRECTORY SET");
     }
     std::lock_guard<std::mutex> lock(slotWriteMutex());
     SlotState state;

@@ -32,9 +32,6 @@ constexpr const char* ARCHIVE_PREFIX = "file:";
 
 // ---- Results and tool output ----
 
-[[nodiscard]] XCode failure(const char* format, ...) KT_PRINTF(1, 2);
-// The errno family with "<what> <path>: <strerror>".
-[[nodiscard]] XCode systemFailure(int error, const char* what, const String& path);
 // A tool's failure: its result, then the last non-empty line it printed.
 String describeToolFailure(const XCode& result, const String& output);
 

@@ -30,7 +30,7 @@ String versionOf(const KtManifestEntry& entry) {
 // name beside the manifest.
 XCode resolveImage(const String& manifestUri, const String& image, String& imageUri) {
     if (image.isEmpty()) {
-        return failure("IMAGE MISSING IN MANIFEST");
+        return XCode::FAILURE_F("IMAGE MISSING IN MANIFEST");
     }
     if (image.indexOf("://") >= 0) {
         imageUri = image;
@@ -71,7 +71,8 @@ void Upgrade::run() {
 }
 
 XCode Upgrade::checkStop() const {
-    return session_->stopRequested() ? failure("UPGRADE CANCELLED") : XCode(XCode::SUCCESS);
+    return session_->stopRequested() ? XCode::FAILURE_F("UPGRADE CANCELLED")
+                                     : XCode(XCode::SUCCESS);
 }
 
 void Upgrade::progress(const String& text) {
@@ -97,7 +98,7 @@ XCode Upgrade::fromArchive(const String& archive) {
         return runScript(manifest);
     }
     if (!hasImage) {
-        return failure("IMAGE MISSING IN ARCHIVE");
+        return XCode::FAILURE_F("IMAGE MISSING IN ARCHIVE");
     }
     if (parsed.isErr()) {
         return parsed.extendString("INVALID MANIFEST IN ARCHIVE", ": ");

@@ -319,4 +319,20 @@ TEST(XCodeTest, toStringWithEmptyMessageDescribesValue) {
     EXPECT_EQ(code.toString(), "GENERIC FAILURE (0x7FFFFFFF)");
 }
 
+TEST(XCodeTest, theGenericFailureHasOneSpellingWithOrWithoutMessage) {
+    EXPECT_EQ(XCode::FAILURE().getValue(), XCode::GENERIC_FAILURE);
+    EXPECT_FALSE(XCode::FAILURE().hasMessage());
+    EXPECT_EQ(XCode::FAILURE("NOT IMPLEMENTED").toString(), "NOT IMPLEMENTED (0x7FFFFFFF)");
+    EXPECT_EQ(XCode::FAILURE_F("PROTOCOL %s NOT SUPPORTED", "FTP").getString(),
+              "PROTOCOL FTP NOT SUPPORTED");
+}
+
+TEST(XCodeTest, aSystemFailureCarriesErrnoAndNamesWhatAndWhere) {
+    XCode failed = XCode::SYSTEM_FAILURE(ENOENT, "CANNOT OPEN", "/flash/x");
+    EXPECT_EQ(failed.getFamily(), XCode::ERRNO_FAMILY);
+    EXPECT_EQ(failed.getDetail(), static_cast<XCodeValue>(ENOENT));
+    EXPECT_EQ(failed.getString(), "CANNOT OPEN /flash/x: No such file or directory");
+    EXPECT_EQ(XCode::SYSTEM_FAILURE(EACCES, "", "/x").getString(), "/x: Permission denied");
+}
+
 }  // namespace
