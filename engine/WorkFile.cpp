@@ -7,9 +7,6 @@
 
 namespace {
 constexpr const char* WORK_DIRECTORY = "/tmp/provisioning/";
-constexpr int OPEN_WRITE_ONLY = 1;
-// Private to the device's processes: a work file may hold a key or a configuration.
-constexpr unsigned int MODE_0600 = 0600;
 
 // Creates `file` as a new inode. Whatever had the name goes first, without being followed: a
 // link planted there (by an archive, or another user) would have the download written wherever
@@ -24,9 +21,10 @@ XCode createFreshFile(const String& file) {
     }
     if (result.isSuccess()) {
         KtFile created(file, true, false);
-        result =
-            created.open(OPEN_WRITE_ONLY | KtFile::OPEN_CREATE_EXCLUSIVE | KtFile::OPEN_NO_FOLLOW,
-                         MODE_0600, KtFile::XO_CLOSE_ON_EXEC);
+        // Private to the device's processes: a work file may hold a key or a configuration.
+        result = created.open(
+            KtFile::WRITE_ONLY | KtFile::CREATE | KtFile::EXCLUSIVE | KtFile::NO_FOLLOW,
+            KtFile::MODE_PRIVATE, KtFile::XO_CLOSE_ON_EXEC);
     }
     return result;
 }

@@ -7,7 +7,7 @@
 namespace Provctl {
 
 XCode READ_FILE(const String& path, String& content) {
-    return KtFile::READ_TEXT_FILE<String>(path, content, O_RDONLY, false, true);
+    return KtFile::READ_TEXT_FILE<String>(path, content, KtFile::READ_ONLY, false, true);
 }
 
 }  // namespace Provctl

@@ -26,7 +26,7 @@ XCode checkReadable(const char* option, const String& path) {
         return refused(option, path, String("is ") + FileNode::KIND_NAME(info.kind));
     }
     KtFile file(path);
-    XCode result = file.open(0, 0, KtFile::XO_NONE);
+    XCode result = file.open(KtFile::READ_ONLY, 0, KtFile::XO_NONE);
     if (result.isSuccess()) {
         String block;
         bool eof = false;

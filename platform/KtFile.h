@@ -22,9 +22,23 @@ class KtFile {
   public:
     enum XOFlag { XO_NONE = 0, XO_CLOSE_ON_EXEC = 1 };
 
-    // open(2) flags for callers that include no system header: O_CREAT | O_EXCL, O_NOFOLLOW.
-    static const int OPEN_CREATE_EXCLUSIVE;
-    static const int OPEN_NO_FOLLOW;
+    // The flags of open() and READ_TEXT_FILE, in the device's numbering: Linux's generic open(2)
+    // values, the ones the device's interface gives (0 read only, 65 write and create, 577
+    // write, create and truncate). open() translates them to the host's own values in one place,
+    // since these differ on some architectures (O_CREAT and O_TRUNC on MIPS, O_NOFOLLOW on ARM).
+    // A bit outside these is refused (EINVAL).
+    static constexpr int READ_ONLY = 0;
+    static constexpr int WRITE_ONLY = 01;
+    static constexpr int READ_WRITE = 02;
+    static constexpr int CREATE = 0100;
+    static constexpr int EXCLUSIVE = 0200;
+    static constexpr int TRUNCATE = 01000;
+    static constexpr int NO_FOLLOW = 0400000;
+    static constexpr int WRITE_CREATE_TRUNCATE = WRITE_ONLY | CREATE | TRUNCATE;  // 577
+    // Permission bits are the same everywhere: a file that its owner writes and all may read
+    // (0644, 420), and one that only its owner may read and write (0600).
+    static constexpr unsigned int MODE_SHARED = 0644;
+    static constexpr unsigned int MODE_PRIVATE = 0600;
 
     // `mapped`: map device paths (true everywhere in the engine); `unused` is kept for the
     // device library's signature.
@@ -33,7 +47,7 @@ class KtFile {
     KtFile(const KtFile&) = delete;
     KtFile& operator=(const KtFile&) = delete;
 
-    // flags are Linux open(2) flags (0 read only, 65 write+create, 577 write+create+truncate).
+    // `flags` in the device's numbering above (READ_ONLY, WRITE_CREATE_TRUNCATE, ...).
     // A write with O_TRUNC goes to a temporary beside the target that close() renames over it,
     // so a reader never sees a torn file and a failed write leaves the old file intact. A new
     // file is created with `mode` (less the umask); a replaced file keeps its permission bits

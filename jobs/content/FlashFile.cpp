@@ -3,11 +3,6 @@
 #include "platform/FileNode.h"
 #include "platform/KtFile.h"
 
-namespace {
-constexpr int OPEN_READ_ONLY = 0;
-constexpr int OPEN_WRITE_CREATE_TRUNCATE = 577;
-}  // namespace
-
 namespace FlashFile {
 
 XCode READ_DOWNLOADED(const String& workFile, String& content) {
@@ -16,7 +11,7 @@ XCode READ_DOWNLOADED(const String& workFile, String& content) {
 }
 
 XCode READ_STORED(const String& devicePath, String& content) {
-    return KtFile::READ_TEXT_FILE<String>(devicePath, content, OPEN_READ_ONLY, true, true);
+    return KtFile::READ_TEXT_FILE<String>(devicePath, content, KtFile::READ_ONLY, true, true);
 }
 
 XCode STORE(const String& devicePath, const String& content, unsigned int mode) {
@@ -26,7 +21,7 @@ XCode STORE(const String& devicePath, const String& content, unsigned int mode) 
         return XCode::FAILURE_F("INVALID FILE NAME: %s", devicePath.c_str());
     }
     KtFile file(devicePath, true, false);
-    XCode result = file.open(OPEN_WRITE_CREATE_TRUNCATE, mode, KtFile::XO_CLOSE_ON_EXEC);
+    XCode result = file.open(KtFile::WRITE_CREATE_TRUNCATE, mode, KtFile::XO_CLOSE_ON_EXEC);
     if (result.isSuccess()) {
         result = file.writeFixedSizeBlocking(content.data(),
                                              static_cast<unsigned int>(content.length()), true);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "engine/ProvisioningJob.h"
+#include "platform/KtFile.h"
 
 // What the dial-plan, key and wizard jobs share: reading the work file, comparing it with the
 // copy in flash and replacing that copy whole.
@@ -15,7 +16,7 @@ namespace FlashFile {
 // gets `mode`; a replaced one keeps its own. The old file stays intact when this fails. A path
 // whose last component is empty, "." or ".." is refused, and so is a symbolic link.
 [[nodiscard]] XCode STORE(const String& devicePath, const String& content,
-                          unsigned int mode = 0644);
+                          unsigned int mode = KtFile::MODE_SHARED);
 // The part of `text` after its last `separator` (all of it when there is none).
 String LAST_COMPONENT(const String& text, char separator);
 

@@ -2,11 +2,12 @@
 
 #include "engine/ProvLog.h"
 #include "jobs/content/FlashFile.h"
+#include "platform/KtFile.h"
 
 namespace {
 constexpr const char* KEY_PATH = "/flash/preferences/key";
 // A key is a secret: a new one is readable by its owner only (a replaced one keeps its mode).
-constexpr unsigned int NEW_KEY_MODE = 0600;
+constexpr unsigned int NEW_KEY_MODE = KtFile::MODE_PRIVATE;
 }  // namespace
 
 KeyProvisioningJob::KeyProvisioningJob(KtEventLoop& loop, const String& jobName, ReloadType reload,

@@ -45,8 +45,25 @@ void syncDirectoryOf(const String& systemPath) {
 
 }  // namespace
 
-const int KtFile::OPEN_CREATE_EXCLUSIVE = O_CREAT | O_EXCL;
-const int KtFile::OPEN_NO_FOLLOW = O_NOFOLLOW;
+// The device's open flags as this host spells them: the one place where they are translated.
+bool hostFlags(int deviceFlags, int& flags) {
+    struct Bit {
+        int device;
+        int host;
+    };
+    static const Bit bits[] = {{KtFile::WRITE_ONLY, O_WRONLY}, {KtFile::READ_WRITE, O_RDWR},
+                               {KtFile::CREATE, O_CREAT},      {KtFile::EXCLUSIVE, O_EXCL},
+                               {KtFile::TRUNCATE, O_TRUNC},    {KtFile::NO_FOLLOW, O_NOFOLLOW}};
+    flags = 0;
+    int known = 0;
+    for (const Bit& bit : bits) {
+        known |= bit.device;
+        if ((deviceFlags & bit.device) != 0) {
+            flags |= bit.host;
+        }
+    }
+    return (deviceFlags & ~known) == 0;
+}
 
 KtFile::KtFile(const String& path, bool mapped, bool /*unused*/)
     : path_(path), systemPath_(path), mapped_(mapped) {
@@ -79,9 +96,16 @@ void KtFile::abandonTemporary() {
     }
 }
 
-XCode KtFile::open(int flags, unsigned int mode, XOFlag /*xoFlag: close-on-exec is always set*/) {
+XCode KtFile::open(int deviceFlags, unsigned int mode,
+                   XOFlag /*xoFlag: close-on-exec is always set*/) {
     if (pathError_.isErr()) {
         return pathError_;
+    }
+    int flags = 0;
+    if (!hostFlags(deviceFlags, flags)) {
+        XCode refused = systemError(EINVAL, "CANNOT OPEN");
+        return refused.setStringF("CANNOT OPEN %s: unknown open flags 0%o", path_.c_str(),
+                                  static_cast<unsigned int>(deviceFlags));
     }
     if (fd_ >= 0) {
         XCode busy = systemError(EBUSY, "CANNOT OPEN");
@@ -255,7 +279,7 @@ template <>
 XCode KtFile::READ_TEXT_FILE<String>(const String& path, String& content, int flags, bool mapped,
                                      bool strict) {
     KtFile file(path, mapped, false);
-    XCode result = file.open(flags, 0644, XO_CLOSE_ON_EXEC);
+    XCode result = file.open(flags, MODE_SHARED, XO_CLOSE_ON_EXEC);
     if (result.isErr()) {
         return result;
     }
@@ -273,7 +297,7 @@ XCode KtFile::WRITE_TEXT_FILE(const String& path, const String& content) {
 
 XCode KtFile::WRITE_TEXT_FILE(const String& path, const String& content, bool mapped) {
     KtFile file(path, mapped, false);
-    XCode result = file.open(O_WRONLY | O_CREAT | O_TRUNC, 0644, XO_CLOSE_ON_EXEC);
+    XCode result = file.open(WRITE_CREATE_TRUNCATE, MODE_SHARED, XO_CLOSE_ON_EXEC);
     if (result.isErr()) {
         return result;
     }

@@ -57,7 +57,7 @@ XCode GET_CONFIGURATION_CONTENT(const String& name, String& content, String& err
         return result;
     }
     String stored;
-    result = KtFile::READ_TEXT_FILE<String>(path, stored, O_RDONLY, false, true);
+    result = KtFile::READ_TEXT_FILE<String>(path, stored, KtFile::READ_ONLY, false, true);
     if (result.isErr()) {
         if (result.getFamily() == XCode::ERRNO_FAMILY && result.getDetail() == ENOENT) {
             return failWith(error, String::format("No configuration '%s' stored", name.c_str()));
@@ -191,7 +191,7 @@ XCode appendToRunningConfig(const String& executed) {
     std::lock_guard<std::mutex> lock(runningConfigMutex());
     const String path = Device::ROOT() + "/running-config";
     String running;
-    XCode read = KtFile::READ_TEXT_FILE<String>(path, running, O_RDONLY, false, true);
+    XCode read = KtFile::READ_TEXT_FILE<String>(path, running, KtFile::READ_ONLY, false, true);
     if (read.isErr() && !(read.getFamily() == XCode::ERRNO_FAMILY && read.getDetail() == ENOENT)) {
         return read.extendString("CANNOT UPDATE RUNNING CONFIGURATION", ": ");
     }

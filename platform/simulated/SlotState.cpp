@@ -113,7 +113,7 @@ XCode SlotState::LOAD(SlotState& state) {
         return XCode::SUCCESS;
     }
     String text;
-    result = KtFile::READ_TEXT_FILE<String>(path, text, O_RDONLY, false, true);
+    result = KtFile::READ_TEXT_FILE<String>(path, text, KtFile::READ_ONLY, false, true);
     if (result.isErr()) {
         return result;
     }

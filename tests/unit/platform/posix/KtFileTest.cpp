@@ -376,4 +376,28 @@ TEST_F(KtFileTest, otherPathsOutsideFlashAreRealPaths) {
     EXPECT_EQ(file.getSystemPath(), String(name.c_str()));
 }
 
+// The device's numbering is the one the device's interface gives, on every architecture.
+static_assert(KtFile::READ_ONLY == 0 && KtFile::WRITE_CREATE_TRUNCATE == 577 &&
+                  (KtFile::WRITE_ONLY | KtFile::CREATE) == 65 && KtFile::MODE_SHARED == 420,
+              "the device's open flags and modes");
+
+TEST_F(KtFileTest, noFollowIsTranslatedToTheHostsOwnFlag) {
+    // O_NOFOLLOW has another value on ARM than Linux's generic one: without the translation the
+    // link below would be followed there.
+    const std::string link = directory.path() + "/link";
+    writeFile(flash("target"), "x");
+    ASSERT_EQ(::symlink(flash("target").c_str(), link.c_str()), 0);
+    KtFile file(text(link), false);
+    XCode result = file.open(KtFile::READ_ONLY | KtFile::NO_FOLLOW, 0, KtFile::XO_NONE);
+    EXPECT_EQ(result.getFamily(), XCode::ERRNO_FAMILY);
+    EXPECT_EQ(result.getDetail(), static_cast<XCodeValue>(ELOOP)) << result.toString().str();
+}
+
+TEST_F(KtFileTest, anUnknownOpenFlagIsRefused) {
+    KtFile file("/flash/x");
+    XCode result = file.open(KtFile::READ_ONLY | 010, 0, KtFile::XO_NONE);  // not a device flag
+    EXPECT_EQ(result.getDetail(), static_cast<XCodeValue>(EINVAL));
+    EXPECT_EQ(result.getString(), "CANNOT OPEN /flash/x: unknown open flags 010");
+}
+
 }  // namespace
