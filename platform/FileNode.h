@@ -65,11 +65,11 @@ bool IS_REFUSED(const XCode& result);
 // A manifest, extracted from an archive or downloaded, holds a handful of "key=value" lines, a
 // few hundred bytes: 64 KiB leaves two orders of magnitude of room and still keeps a size bomb
 // out of memory and off the monitors. Also the file-size limit of the extracting tar.
-constexpr std::size_t DEFAULT_MANIFEST_CAP = 64 * 1024;
+constexpr std::size_t DEFAULT_MANIFEST_CAP = std::size_t{64} * 1024;
 std::size_t MANIFEST_CAP();
 // A configuration, dial plan, key or wizard file: the largest real configurations are a few
 // hundred KiB; 16 MiB is far above any of them and far below the memory of the device.
-constexpr std::size_t DEFAULT_CONTENT_CAP = 16 * 1024 * 1024;
+constexpr std::size_t DEFAULT_CONTENT_CAP = std::size_t{16} * 1024 * 1024;
 std::size_t CONTENT_CAP();
 
 }  // namespace FileNode

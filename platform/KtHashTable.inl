@@ -32,6 +32,8 @@ bool KtHashTable<K, V, Hash, Compare>::insert(const K& key, const V& value) {
     if (lookup(key) != nullptr) {
         return false;
     }
+    // The table owns its entries through the two intrusive lists; clear() and remove() free them.
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory)
     Entry* entry = new Entry{key, value, nullptr, nullptr, nullptr, nullptr};
 
     Entry*& head = buckets_[bucketOf(key)];
@@ -72,7 +74,7 @@ bool KtHashTable<K, V, Hash, Compare>::remove(const K& key) {
         return false;
     }
     unlink(entry);
-    delete entry;
+    delete entry;  // NOLINT(cppcoreguidelines-owning-memory): owned by the table, unlinked
     --count_;
     return true;
 }
@@ -82,7 +84,7 @@ void KtHashTable<K, V, Hash, Compare>::clear() {
     Entry* entry = newest_;
     while (entry != nullptr) {
         Entry* older = entry->orderNext;
-        delete entry;
+        delete entry;  // NOLINT(cppcoreguidelines-owning-memory): owned by the table
         entry = older;
     }
     for (Entry*& head : buckets_) {

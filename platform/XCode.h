@@ -56,6 +56,9 @@ class [[nodiscard]] XCode {
     // A failed system call: errno's code with "<what> <path>: <strerror(error)>" ("<path>:
     // <strerror(error)>" for an empty `what`).
     static XCode SYSTEM_FAILURE(int error, const char* what, const String& path);
+    // The system's words for an errno value ("No such file or directory"). Thread-safe, unlike
+    // strerror.
+    static String REASON(int error);
     static XCode httpStatus(int status) {
         return family(HTTP_FAMILY, static_cast<XCodeValue>(status));
     }

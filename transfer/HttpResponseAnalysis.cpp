@@ -201,14 +201,52 @@ XCode ProvisioningHttpClient::parseAuthHeader(const String& text) {
     return result;
 }
 
+// The outcome of a run that wget reported as a failed request (an exit status): a challenge, a
+// redirect or an answer the job does not handle.
+XCode ProvisioningHttpClient::analyseWgetExit(const XCode& result) {
+    String statusLine;
+    XCode outcome;
+    const int exitStatus = static_cast<int>(result.getDetail());
+    if (exitStatus == WGET_EXIT_AUTH_FAILURE) {
+        outcome = parseResponseLine(responseText, lastStatus, statusLine);
+        if (outcome.isSuccess() && lastStatus == 401) {
+            outcome = parseAuthHeader(responseText);
+            return outcome.isSuccess() ? XCode::httpStatus(401) : outcome;
+        }
+        if (outcome.isSuccess()) {
+            outcome = XCode::FAILURE();
+            outcome.extendString(
+                String::format("UNHANDLED AUTH RESPONSE STATUS: %s", statusLine.c_str()), ": ");
+        }
+        return outcome;
+    }
+    if (exitStatus == WGET_EXIT_SERVER_ERROR || exitStatus == WGET_EXIT_GENERIC_ERROR) {
+        outcome = parseResponseLine(responseText, lastStatus, statusLine);
+        if (outcome.isSuccess() && (lastStatus == 301 || lastStatus == 302)) {
+            // A 301 is reported as a 302: the job follows both alike.
+            outcome = parseLocationHeader(responseText);
+            return outcome.isSuccess() ? XCode::httpStatus(302) : outcome;
+        }
+        if (outcome.isSuccess()) {
+            outcome = result;
+            outcome.extendString(
+                String::format("UNHANDLED ERROR RESPONSE STATUS: %s", statusLine.c_str()), ": ");
+        }
+        return outcome;
+    }
+    outcome = result;
+    outcome.extendString(WGET_EXIT_STATUS_TEXT(result.getDetail()), ": ");
+    return outcome;
+}
+
 void ProvisioningHttpClient::onWgetResult(XCode result, String output) {
     (void)output;  // onWgetOutput collected the same text piece by piece
     ProvLog::progress("[%s/HTTP] Handle result of wget: %s\n%s", name.c_str(),
                       result.toString().c_str(), responseText.c_str());
 
     XCode outcome;
-    String statusLine;
     if (result.isSuccess()) {
+        String statusLine;
         outcome = parseResponseLine(responseText, lastStatus, statusLine);
         if (outcome.isSuccess()) {
             outcome = testExpression(lastStatus == 200 || lastStatus == 201);
@@ -221,42 +259,7 @@ void ProvisioningHttpClient::onWgetResult(XCode result, String output) {
     } else if (result.getFamily() != XCode::EXIT_STATUS_FAMILY) {
         outcome = result;
     } else {
-        int exitStatus = static_cast<int>(result.getDetail());
-        if (exitStatus == WGET_EXIT_AUTH_FAILURE) {
-            outcome = parseResponseLine(responseText, lastStatus, statusLine);
-            if (outcome.isSuccess()) {
-                if (lastStatus == 401) {
-                    outcome = parseAuthHeader(responseText);
-                    if (outcome.isSuccess()) {
-                        outcome = XCode::httpStatus(401);
-                    }
-                } else {
-                    outcome = XCode::FAILURE();
-                    outcome.extendString(
-                        String::format("UNHANDLED AUTH RESPONSE STATUS: %s", statusLine.c_str()),
-                        ": ");
-                }
-            }
-        } else if (exitStatus == WGET_EXIT_SERVER_ERROR || exitStatus == WGET_EXIT_GENERIC_ERROR) {
-            outcome = parseResponseLine(responseText, lastStatus, statusLine);
-            if (outcome.isSuccess()) {
-                if (lastStatus == 301 || lastStatus == 302) {
-                    // A 301 is reported as a 302: the job follows both alike.
-                    outcome = parseLocationHeader(responseText);
-                    if (outcome.isSuccess()) {
-                        outcome = XCode::httpStatus(302);
-                    }
-                } else {
-                    outcome = result;
-                    outcome.extendString(
-                        String::format("UNHANDLED ERROR RESPONSE STATUS: %s", statusLine.c_str()),
-                        ": ");
-                }
-            }
-        } else {
-            outcome = result;
-            outcome.extendString(WGET_EXIT_STATUS_TEXT(result.getDetail()), ": ");
-        }
+        outcome = analyseWgetExit(result);
     }
 
     if (!outcome.getString().isEmpty()) {

@@ -91,6 +91,7 @@ class PROV_API ProvisioningHttpClient {
     void onWgetOutput(String text);
     // Once per run, after wget ended; `output` is not used (onWgetOutput collected it).
     void onWgetResult(XCode result, String output);
+    [[nodiscard]] XCode analyseWgetExit(const XCode& result);
 
     KtEventLoop& eventLoop;
     String name;

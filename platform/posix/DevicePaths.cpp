@@ -73,12 +73,6 @@ String mapBelow(const String& directory, const String& devicePath, bool& left) {
     return hostPath;
 }
 
-XCode errnoError(int error, const char* what, const String& path) {
-    XCode code = XCode::fromErrno(error);
-    code.setStringF("%s %s: %s", what, path.c_str(), std::strerror(error));
-    return code;
-}
-
 }  // namespace
 
 void SET_ROOT(const String& directory) {
@@ -169,7 +163,7 @@ XCode CHECK_WORK_DIRECTORY() {
     const String hostPath = MAP_PATH(WORK);
     struct stat status {};
     if (::lstat(hostPath.c_str(), &status) != 0) {
-        return errnoError(errno, "UNSAFE WORK DIRECTORY", hostPath);
+        return XCode::SYSTEM_FAILURE(errno, "UNSAFE WORK DIRECTORY", hostPath);
     }
     XCode refused = XCode::FAILURE();
     if (S_ISLNK(status.st_mode)) {
@@ -205,7 +199,7 @@ XCode MAKE_DIRECTORIES(const String& hostPath) {
         if (::mkdir(prefix.c_str(), 0755) == 0) {
             // The mode is meant exactly, whatever the process's umask.
             if (::chmod(prefix.c_str(), 0755) != 0) {
-                return errnoError(errno, "CANNOT CREATE DIRECTORY", prefix);
+                return XCode::SYSTEM_FAILURE(errno, "CANNOT CREATE DIRECTORY", prefix);
             }
             continue;
         }
@@ -217,7 +211,7 @@ XCode MAKE_DIRECTORIES(const String& hostPath) {
             }
             error = ENOTDIR;
         }
-        return errnoError(error, "CANNOT CREATE DIRECTORY", prefix);
+        return XCode::SYSTEM_FAILURE(error, "CANNOT CREATE DIRECTORY", prefix);
     }
     return XCode::SUCCESS;
 }

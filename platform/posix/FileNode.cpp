@@ -17,16 +17,10 @@ namespace FileNode {
 
 namespace {
 
-constexpr std::size_t READ_BLOCK = 64 * 1024;
+constexpr std::size_t READ_BLOCK = std::size_t{64} * 1024;
 
 std::atomic<std::size_t> manifestCap{DEFAULT_MANIFEST_CAP};
 std::atomic<std::size_t> contentCap{DEFAULT_CONTENT_CAP};
-
-XCode systemError(int error, const char* what, const String& path) {
-    XCode code = XCode::fromErrno(error);
-    code.setStringF("%s %s: %s", what, path.c_str(), std::strerror(error));
-    return code;
-}
 
 XCode refusal() {
     return XCode::FAILURE();
@@ -86,7 +80,8 @@ bool firstEntry(int directory, String& name, int& error) {
     }
     ::rewinddir(stream);
     bool found = false;
-    while (const dirent* entry = ::readdir(stream)) {
+    // readdir is safe on a stream that only this call uses.
+    while (const dirent* entry = ::readdir(stream)) {  // NOLINT(concurrency-mt-unsafe)
         if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
             name = entry->d_name;
             found = true;
@@ -132,7 +127,8 @@ XCode emptyDirectory(int top, const String& path) {
             }
         }
         ::close(current);
-        return error == 0 ? XCode(XCode::SUCCESS) : systemError(error, "CANNOT REMOVE", path);
+        return error == 0 ? XCode(XCode::SUCCESS)
+                          : XCode::SYSTEM_FAILURE(error, "CANNOT REMOVE", path);
     }
 }
 
@@ -146,7 +142,7 @@ XCode INSPECT(const String& path, Info& info) {
             info = Info();
             return XCode(XCode::SUCCESS);
         }
-        return systemError(errno, "CANNOT INSPECT", path);
+        return XCode::SYSTEM_FAILURE(errno, "CANNOT INSPECT", path);
     }
     info = infoOf(status);
     return XCode(XCode::SUCCESS);
@@ -205,16 +201,16 @@ XCode REMOVE_WITHOUT_FOLLOWING(const String& path) {
             return XCode(XCode::SUCCESS);
         }
         if (!isNotADirectory(errno)) {
-            return systemError(errno, "CANNOT REMOVE", path);
+            return XCode::SYSTEM_FAILURE(errno, "CANNOT REMOVE", path);
         }
         if (::unlink(hostPath.c_str()) != 0 && errno != ENOENT) {
-            return systemError(errno, "CANNOT REMOVE", path);
+            return XCode::SYSTEM_FAILURE(errno, "CANNOT REMOVE", path);
         }
         return XCode(XCode::SUCCESS);
     }
     XCode result = emptyDirectory(top, path);
     if (result.isSuccess() && ::rmdir(hostPath.c_str()) != 0 && errno != ENOENT) {
-        result = systemError(errno, "CANNOT REMOVE", path);
+        result = XCode::SYSTEM_FAILURE(errno, "CANNOT REMOVE", path);
     }
     return result;
 }
@@ -228,7 +224,7 @@ XCode READ_CAPPED(const String& path, String& content, std::size_t cap) {
         return result;
     }
     if (info.kind == Kind::Missing) {
-        return systemError(ENOENT, "CANNOT OPEN", path);
+        return XCode::SYSTEM_FAILURE(ENOENT, "CANNOT OPEN", path);
     }
     int fd = -1;
     if (IS_PLAIN_FILE(info)) {
@@ -237,10 +233,8 @@ XCode READ_CAPPED(const String& path, String& content, std::size_t cap) {
         struct stat status {};
         if (fd < 0 && errno == ELOOP) {
             info.kind = Kind::SymbolicLink;  // the name was changed into a link meanwhile
-        } else if (fd < 0) {
-            result = systemError(errno, "CANNOT OPEN", path);
-        } else if (::fstat(fd, &status) != 0) {
-            result = systemError(errno, "CANNOT OPEN", path);
+        } else if (fd < 0 || ::fstat(fd, &status) != 0) {
+            result = XCode::SYSTEM_FAILURE(errno, "CANNOT OPEN", path);
         } else {
             info = infoOf(status);  // what was opened, should the name have changed meanwhile
         }
@@ -257,7 +251,7 @@ XCode READ_CAPPED(const String& path, String& content, std::size_t cap) {
             continue;
         }
         if (got < 0) {
-            result = systemError(errno, "CANNOT READ", path);
+            result = XCode::SYSTEM_FAILURE(errno, "CANNOT READ", path);
         } else if (got == 0) {
             break;
         } else {

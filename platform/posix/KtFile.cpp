@@ -14,7 +14,7 @@
 namespace {
 
 constexpr int ATTEMPTS_FOR_UNIQUE_NAME = 100;
-constexpr std::size_t READ_BLOCK = 64 * 1024;
+constexpr std::size_t READ_BLOCK = std::size_t{64} * 1024;
 
 // A name beside `systemPath` that no other writer uses: hidden, with the process id, a counter
 // and a random part.
@@ -84,9 +84,7 @@ KtFile::~KtFile() {
 }
 
 XCode KtFile::systemError(int error, const char* what) const {
-    XCode code = XCode::fromErrno(error);
-    code.setStringF("%s %s: %s", what, path_.c_str(), std::strerror(error));
-    return code;
+    return XCode::SYSTEM_FAILURE(error, what, path_);
 }
 
 void KtFile::abandonTemporary() {

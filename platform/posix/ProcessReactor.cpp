@@ -21,7 +21,7 @@ namespace {
 
 // Exit polling interval for children without a pidfd.
 constexpr int REAP_POLL_MS = 50;
-constexpr std::size_t READ_SIZE = 64 * 1024;
+constexpr std::size_t READ_SIZE = std::size_t{64} * 1024;
 constexpr int READS_PER_WAKE = 4;
 
 // Milliseconds from `now` to `when` as a poll timeout (at least 1, at most INT_MAX).
@@ -35,7 +35,7 @@ int millisecondsUntil(std::chrono::steady_clock::time_point when,
 
 Reactor& Reactor::INSTANCE() {
     // Never destroyed: the thread may still be polling while the process exits.
-    static Reactor* reactor = new Reactor();
+    static Reactor* reactor = new Reactor();  // NOLINT(cppcoreguidelines-owning-memory)
     return *reactor;
 }
 
@@ -222,97 +222,101 @@ void Reactor::finish(Command& command) {
     command.doneChanged.notify_all();
 }
 
+// What one round of the loop polls: the wake-up descriptor first, then for each live command its
+// pidfd and pipes; `watched` names the command and descriptor of every entry after the first.
+void Reactor::buildPollSet(PollSet& set, std::chrono::steady_clock::time_point now) {
+    set.fds.clear();
+    set.watched.clear();
+    set.timeout = -1;
+    bool pollForExits = false;
+    set.fds.push_back({wakeFd_, POLLIN, 0});
+    for (auto& command : active_) {
+        handleAbandonment(*command, now);
+        handleDeadline(*command, now);
+        if (!command->reaped && command->pidFd < 0) {
+            tryReap(*command);
+        }
+        if (command->reaped && command->outFd < 0 && command->errFd < 0) {
+            continue;
+        }
+        if (!command->reaped) {
+            if (command->pidFd >= 0) {
+                set.add(command->pidFd, command.get(), Watch::PidFd);
+            } else {
+                pollForExits = true;
+            }
+            if (!command->terminating || !command->killed) {
+                int wait = millisecondsUntil(
+                    command->terminating ? command->killAt : command->deadlineAt, now);
+                set.timeout = set.timeout < 0 ? wait : std::min(set.timeout, wait);
+            }
+        }
+        if (command->outFd >= 0) {
+            set.add(command->outFd, command.get(), Watch::Out);
+        }
+        if (command->errFd >= 0) {
+            set.add(command->errFd, command.get(), Watch::Err);
+        }
+    }
+    if (pollForExits) {
+        set.timeout = set.timeout < 0 ? REAP_POLL_MS : std::min(set.timeout, REAP_POLL_MS);
+    }
+}
+
+// Finished commands leave the list here, after their result was delivered.
+void Reactor::retireFinished() {
+    auto done = std::stable_partition(active_.begin(), active_.end(), [](const auto& command) {
+        return !(command->reaped && command->outFd < 0 && command->errFd < 0);
+    });
+    for (auto it = done; it != active_.end(); ++it) {
+        finish(**it);
+    }
+    active_.erase(done, active_.end());
+}
+
+void Reactor::dispatch(Command& command, Watch watch) {
+    switch (watch) {
+        case Watch::PidFd:
+            if (!command.reaped) {
+                tryReap(command);
+            }
+            break;
+        case Watch::Out:
+            if (command.outFd >= 0) {
+                readPipe(command, false);
+            }
+            break;
+        case Watch::Err:
+            if (command.errFd >= 0) {
+                readPipe(command, true);
+            }
+            break;
+    }
+    // A child closes its pipes on the way out, a moment before it can be reaped: one look now
+    // often saves the wake-up for its exit.
+    if (!command.reaped && command.pidFd >= 0 && command.outFd < 0 && command.errFd < 0) {
+        tryReap(command);
+    }
+}
+
 void Reactor::run() {
-    std::vector<pollfd> fds;
-    // For each entry of `fds` after the first: the command and which descriptor it is.
-    enum class Watch { PidFd, Out, Err };
-    std::vector<std::pair<Command*, Watch>> watched;
+    PollSet set;
     while (true) {
         takeOverIncoming();
-        auto now = std::chrono::steady_clock::now();
-        int timeout = -1;
-        bool pollForExits = false;
-        fds.clear();
-        watched.clear();
-        fds.push_back({wakeFd_, POLLIN, 0});
-        for (auto& command : active_) {
-            handleAbandonment(*command, now);
-            handleDeadline(*command, now);
-            if (!command->reaped && command->pidFd < 0) {
-                tryReap(*command);
-            }
-            if (command->reaped && command->outFd < 0 && command->errFd < 0) {
-                continue;
-            }
-            if (!command->reaped) {
-                if (command->pidFd >= 0) {
-                    fds.push_back({command->pidFd, POLLIN, 0});
-                    watched.emplace_back(command.get(), Watch::PidFd);
-                } else {
-                    pollForExits = true;
-                }
-                if (!command->terminating || !command->killed) {
-                    int wait = millisecondsUntil(
-                        command->terminating ? command->killAt : command->deadlineAt, now);
-                    timeout = timeout < 0 ? wait : std::min(timeout, wait);
-                }
-            }
-            if (command->outFd >= 0) {
-                fds.push_back({command->outFd, POLLIN, 0});
-                watched.emplace_back(command.get(), Watch::Out);
-            }
-            if (command->errFd >= 0) {
-                fds.push_back({command->errFd, POLLIN, 0});
-                watched.emplace_back(command.get(), Watch::Err);
-            }
-        }
-        // Finished commands leave the list here, after their result was delivered.
-        auto done = std::stable_partition(active_.begin(), active_.end(), [](const auto& command) {
-            return !(command->reaped && command->outFd < 0 && command->errFd < 0);
-        });
-        for (auto it = done; it != active_.end(); ++it) {
-            finish(**it);
-        }
-        active_.erase(done, active_.end());
-        if (pollForExits) {
-            timeout = timeout < 0 ? REAP_POLL_MS : std::min(timeout, REAP_POLL_MS);
-        }
-
-        int ready = ::poll(fds.data(), fds.size(), timeout);
+        buildPollSet(set, std::chrono::steady_clock::now());
+        retireFinished();
+        int ready = ::poll(set.fds.data(), set.fds.size(), set.timeout);
         if (ready <= 0) {
             continue;
         }
-        if (fds[0].revents != 0) {
+        if (set.fds[0].revents != 0) {
             std::uint64_t count;
             ssize_t drained = ::read(wakeFd_, &count, sizeof count);
             (void)drained;  // EAGAIN: someone else's wake-up was already consumed
         }
-        for (std::size_t i = 1; i < fds.size(); ++i) {
-            if (fds[i].revents == 0) {
-                continue;
-            }
-            Command& command = *watched[i - 1].first;
-            switch (watched[i - 1].second) {
-                case Watch::PidFd:
-                    if (!command.reaped) {
-                        tryReap(command);
-                    }
-                    break;
-                case Watch::Out:
-                    if (command.outFd >= 0) {
-                        readPipe(command, false);
-                    }
-                    break;
-                case Watch::Err:
-                    if (command.errFd >= 0) {
-                        readPipe(command, true);
-                    }
-                    break;
-            }
-            // A child closes its pipes on the way out, a moment before it can be reaped: one
-            // look now often saves the wake-up for its exit.
-            if (!command.reaped && command.pidFd >= 0 && command.outFd < 0 && command.errFd < 0) {
-                tryReap(command);
+        for (std::size_t i = 1; i < set.fds.size(); ++i) {
+            if (set.fds[i].revents != 0) {
+                dispatch(*set.watched[i - 1].first, set.watched[i - 1].second);
             }
         }
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <poll.h>
+
 #include <sys/types.h>
 
 #include <atomic>
@@ -81,9 +83,24 @@ class Reactor {
     void wake();
 
   private:
+    // Which descriptor of a command a poll entry is.
+    enum class Watch { PidFd, Out, Err };
+    struct PollSet {
+        std::vector<pollfd> fds;
+        std::vector<std::pair<Command*, Watch>> watched;  // for each entry after the first
+        int timeout = -1;
+        void add(int fd, Command* command, Watch watch) {
+            fds.push_back({fd, POLLIN, 0});
+            watched.emplace_back(command, watch);
+        }
+    };
+
     Reactor() = default;
     static void* THREAD_MAIN(void* reactor);
     void run();
+    void buildPollSet(PollSet& set, std::chrono::steady_clock::time_point now);
+    void retireFinished();
+    void dispatch(Command& command, Watch watch);
     void takeOverIncoming();
     void handleAbandonment(Command& command, std::chrono::steady_clock::time_point now);
     void handleDeadline(Command& command, std::chrono::steady_clock::time_point now);

@@ -30,7 +30,8 @@ struct RunningCount {
 };
 
 RunningCount& RUNNING_COUNT() {
-    static RunningCount* running = new RunningCount();
+    // Never destroyed: the reactor thread counts children until the process is gone.
+    static RunningCount* running = new RunningCount();  // NOLINT(cppcoreguidelines-owning-memory)
     return *running;
 }
 
@@ -136,7 +137,8 @@ struct ProgramCache {
 };
 
 ProgramCache& PROGRAM_CACHE() {
-    static ProgramCache* cache = new ProgramCache();
+    // Never destroyed: a command may be started while static objects go away.
+    static ProgramCache* cache = new ProgramCache();  // NOLINT(cppcoreguidelines-owning-memory)
     return *cache;
 }
 
@@ -156,7 +158,9 @@ int searchToolPath(const std::string& name, String& path) {
         if (directory.empty() || directory.front() != '/') {
             continue;
         }
-        std::string candidate = directory + "/" + name;
+        std::string candidate = directory;
+        candidate += '/';
+        candidate += name;
         if (isExecutableFile(candidate, error)) {
             path = String(candidate);
             return 0;
@@ -202,7 +206,8 @@ char* const* toolEnvironment() {
         ::dup2(errFd >= 0 ? errFd : devNull, STDERR_FILENO) < 0 ||
         // Close-on-exec rather than closed: `report` must stay open until the exec succeeds.
         ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) != 0 ||
-        ::sigprocmask(SIG_SETMASK, &none, nullptr) != 0) {
+        // The forked child has one thread: sigprocmask is pthread_sigmask there.
+        ::sigprocmask(SIG_SETMASK, &none, nullptr) != 0) {  // NOLINT(concurrency-mt-unsafe)
         error = errno;
     } else {
         ::execve(path, argv, environment);
@@ -387,7 +392,7 @@ XCode WAIT_STATUS_TO_XCODE(const String& program, int waitStatus) {
 
 XCode CANNOT_START(const String& program, int error) {
     XCode code = XCode::fromErrno(error);
-    code.setStringF("CANNOT START %s: %s", program.c_str(), std::strerror(error));
+    code.setStringF("CANNOT START %s: %s", program.c_str(), XCode::REASON(error).c_str());
     return code;
 }
 

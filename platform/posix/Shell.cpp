@@ -14,7 +14,6 @@
 #include <map>
 #include <mutex>
 
-#include "platform/Monitor.h"
 #include "platform/posix/DevicePaths.h"
 #include "platform/posix/ProcessReactor.h"
 #include "platform/posix/ProcessSpawn.h"
@@ -33,7 +32,7 @@ struct ToolMap {
 
 ToolMap& TOOLS() {
     // Never destroyed: commands may still be started while static objects go away.
-    static ToolMap* tools = new ToolMap();
+    static ToolMap* tools = new ToolMap();  // NOLINT(cppcoreguidelines-owning-memory)
     return *tools;
 }
 
@@ -232,50 +231,6 @@ void ShellControl::SET_COMMAND_DEADLINE(std::chrono::milliseconds deadline) {
 
 std::chrono::milliseconds ShellControl::COMMAND_DEADLINE() {
     return std::chrono::milliseconds(g_deadlineMs.load());
-}
-
-std::vector<String> Shell::SPLIT_WORDS(const String& commandLine) {
-    std::vector<String> words;
-    String word;
-    bool inWord = false;
-    bool quoted = false;
-    for (char c : commandLine.str()) {
-        if (c == '"') {
-            quoted = !quoted;
-            inWord = true;
-        } else if (!quoted && (c == ' ' || c == '\t')) {
-            if (inWord) {
-                words.push_back(word);
-                word = String();
-                inWord = false;
-            }
-        } else {
-            word += c;
-            inWord = true;
-        }
-    }
-    // An unterminated quote runs to the end of the line.
-    if (inWord) {
-        words.push_back(word);
-    }
-    return words;
-}
-
-XCode Shell::JOIN_WORDS(const std::vector<String>& words, String& commandLine) {
-    String joined;
-    for (const String& word : words) {
-        if (word.indexOf('"') >= 0 || word.indexOf('\0') >= 0) {
-            return XCode::FAILURE_F("ARGUMENT CANNOT BE PASSED TO %s: %s", words.front().c_str(),
-                                    RTD::Monitor::ESCAPE_CONTROLS(word).c_str());
-        }
-        const bool quote = word.isEmpty() || word.indexOf(' ') >= 0 || word.indexOf('\t') >= 0;
-        if (!joined.isEmpty()) {
-            joined += " ";
-        }
-        joined += quote ? String("\"") + word + "\"" : word;
-    }
-    commandLine = joined;
-    return XCode(XCode::SUCCESS);
 }
 
 void ShellControl::SET_TOOL(const String& name, const std::vector<String>& replacementPrefix) {

@@ -22,9 +22,27 @@ XCode& XCode::operator=(XCodeValue value) {
     return *this;
 }
 
+namespace {
+
+// strerror_r comes in two forms: the GNU one returns the text, the XSI one fills the buffer.
+[[maybe_unused]] const char* reasonText(const char* text, const char* /*buffer*/) {
+    return text;
+}
+
+[[maybe_unused]] const char* reasonText(int failed, const char* buffer) {
+    return failed == 0 ? buffer : "Unknown error";
+}
+
+}  // namespace
+
+String XCode::REASON(int error) {
+    char buffer[256] = {};
+    return String(reasonText(::strerror_r(error, buffer, sizeof buffer), buffer));
+}
+
 XCode XCode::fromErrno(int error) {
     XCode code = family(ERRNO_FAMILY, static_cast<XCodeValue>(error));
-    return code.setString(std::strerror(error));
+    return code.setString(REASON(error).c_str());
 }
 
 XCode XCode::FAILURE(const String& message) {
@@ -44,9 +62,9 @@ XCode XCode::FAILURE_F(const char* format, ...) {
 XCode XCode::SYSTEM_FAILURE(int error, const char* what, const String& path) {
     XCode code = family(ERRNO_FAMILY, static_cast<XCodeValue>(error));
     if (what == nullptr || *what == '\0') {
-        return code.setStringF("%s: %s", path.c_str(), std::strerror(error));
+        return code.setStringF("%s: %s", path.c_str(), REASON(error).c_str());
     }
-    return code.setStringF("%s %s: %s", what, path.c_str(), std::strerror(error));
+    return code.setStringF("%s %s: %s", what, path.c_str(), REASON(error).c_str());
 }
 
 XCode& XCode::setString(const String& message) {
@@ -93,7 +111,7 @@ String describeValue(XCodeValue value) {
     }
     switch (family) {
         case XCode::ERRNO_FAMILY:
-            return String::format("SYSTEM ERROR %d: %s", detail, std::strerror(detail));
+            return String::format("SYSTEM ERROR %d: %s", detail, XCode::REASON(detail).c_str());
         case XCode::EXIT_STATUS_FAMILY:
             return String::format("EXIT STATUS %d", detail);
         case XCode::SIGNAL_FAMILY:

@@ -23,7 +23,7 @@ XCode failWith(String& error, const String& text) {
 // The system's reason for a failed file operation: strerror of its errno, or its own message.
 String reasonOf(const XCode& code) {
     if (code.getFamily() == XCode::ERRNO_FAMILY) {
-        return std::strerror(static_cast<int>(code.getDetail()));
+        return XCode::REASON(static_cast<int>(code.getDetail()));
     }
     return code.getString();
 }

@@ -13,12 +13,6 @@ namespace Device {
 
 namespace {
 
-XCode errnoError(int error, const char* what, const String& path) {
-    XCode code = XCode::fromErrno(error);
-    code.setStringF("%s %s: %s", what, path.c_str(), std::strerror(error));
-    return code;
-}
-
 // <root>/tmp/provisioning, created 0700 when missing. An existing one keeps its mode and owner:
 // CHECK_WORK_DIRECTORY judges it before every use.
 XCode makeWorkDirectory() {
@@ -30,10 +24,10 @@ XCode makeWorkDirectory() {
     if (::mkdir(hostPath.c_str(), 0700) == 0) {
         // Exactly 0700, whatever the process's umask.
         if (::chmod(hostPath.c_str(), 0700) != 0) {
-            return errnoError(errno, "CANNOT CREATE DIRECTORY", hostPath);
+            return XCode::SYSTEM_FAILURE(errno, "CANNOT CREATE DIRECTORY", hostPath);
         }
     } else if (errno != EEXIST) {
-        return errnoError(errno, "CANNOT CREATE DIRECTORY", hostPath);
+        return XCode::SYSTEM_FAILURE(errno, "CANNOT CREATE DIRECTORY", hostPath);
     }
     return XCode::SUCCESS;
 }
@@ -44,7 +38,8 @@ XCode makeWorkDirectory() {
 // library and so initialised before it. A later SET_ROOT (provctl's --device) takes over.
 struct DeviceFromEnvironment {
     DeviceFromEnvironment() {
-        const char* root = std::getenv(ROOT_VARIABLE);
+        // Read while the library is loaded, before the host can start a thread.
+        const char* root = std::getenv(ROOT_VARIABLE);  // NOLINT(concurrency-mt-unsafe)
         if (root == nullptr || *root == '\0') {
             return;
         }
@@ -66,7 +61,7 @@ const DeviceFromEnvironment DEVICE_FROM_ENVIRONMENT;
 }  // namespace
 
 XCode PREPARE() {
-    const String root = ROOT();
+    const String& root = ROOT();
     if (root.isEmpty()) {
         return XCode::FAILURE("NO DEVICE DIRECTORY SET");
     }

@@ -7,7 +7,7 @@ XCode SimulatedSystemStatus::setSubsystemBusy(unsigned int subsystem, bool busy)
     std::lock_guard<std::mutex> lock(mutex_);
     busy_[subsystem] = busy;
     ++changes_[subsystem];
-    const String root = Device::ROOT();
+    const String& root = Device::ROOT();
     if (root.isEmpty()) {
         return XCode::SUCCESS;
     }

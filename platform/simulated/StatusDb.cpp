@@ -9,7 +9,7 @@ namespace DB {
 
 XCode FieldString::operator=(const String& value) {
     std::lock_guard<std::mutex> lock(mutex_);
-    const String root = Device::ROOT();
+    const String& root = Device::ROOT();
     if (!mirrorName_.isEmpty() && !root.isEmpty()) {
         XCode result = Device::MAKE_DIRECTORIES(root + "/status");
         if (result.isSuccess()) {
