@@ -152,33 +152,41 @@ XCode ProvisioningHttpClient::getHeaderLine(const String& text, const String& he
     return XCode();
 }
 
-XCode ProvisioningHttpClient::parseLocationHeader(const String& text) {
-    String line;
-    XCode result = getHeaderLine(text, "Location:", line);
+namespace {
+
+// The value of the header `name` of the final response: its line after the first blank, trimmed.
+XCode headerValue(const ProvisioningHttpClient& client, const String& text, const char* name,
+                  String& line) {
+    XCode result = client.getHeaderLine(text, name, line);
     if (result.isErr()) {
         return result;
     }
-    int blank = line.indexOf(' ');
+    const int blank = line.indexOf(' ');
     if (blank < 0) {
         return XCode::FAILURE("MISSING WSP");
     }
     line.deleteRegion(0, blank).trim();
-    location = line;
+    return result;
+}
+
+}  // namespace
+
+XCode ProvisioningHttpClient::parseLocationHeader(const String& text) {
+    String line;
+    XCode result = headerValue(*this, text, "Location:", line);
+    if (result.isSuccess()) {
+        location = line;
+    }
     return result;
 }
 
 XCode ProvisioningHttpClient::parseAuthHeader(const String& text) {
     String line;
-    XCode result = getHeaderLine(text, "WWW-Authenticate:", line);
+    XCode result = headerValue(*this, text, "WWW-Authenticate:", line);
     if (result.isErr()) {
         return result;
     }
     int blank = line.indexOf(' ');
-    if (blank < 0) {
-        return XCode::FAILURE("MISSING WSP");
-    }
-    line.deleteRegion(0, blank).trim();
-    blank = line.indexOf(' ');
     if (blank < 0) {
         return XCode::FAILURE("MISSING WSP");
     }

@@ -27,17 +27,9 @@ XCode DialplanProvisioningJob::onSuccessfulFileDownload() {
     String downloaded;
     XCode result = FlashFile::READ_DOWNLOADED(outFile, downloaded);
     if (result.isSuccess()) {
-        if (compareWithStored) {
-            String stored;
-            XCode read = FlashFile::READ_STORED(target, stored);
-            if (read.isErr()) {
-                ProvLog::progress("[%s] No stored dialplan: %s", n, read.toString().c_str());
-            } else if (stored == downloaded) {
-                ProvLog::progress("[%s] Downloaded and stored dialplans are equal", n);
-                return testExpression(true);
-            }
-        } else {
-            ProvLog::progress("[%s] No dialplan comparison is done", n);
+        if (FlashFile::UNCHANGED(n, compareWithStored, target, downloaded, "dialplan",
+                                 "dialplans")) {
+            return testExpression(true);
         }
         ProvLog::progress("[%s] Storing dialplan", n);
         result = FlashFile::STORE(target, downloaded);

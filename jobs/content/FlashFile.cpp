@@ -1,5 +1,7 @@
 #include "jobs/content/FlashFile.h"
 
+#include "engine/ProvLog.h"
+
 #include "platform/FileNode.h"
 #include "platform/KtFile.h"
 
@@ -8,6 +10,25 @@ namespace FlashFile {
 XCode READ_DOWNLOADED(const String& workFile, String& content) {
     return ProvisioningJob::READ_WORK_FILE(workFile, content, FileNode::CONTENT_CAP(),
                                            "Cannot read content of downloaded file");
+}
+
+bool UNCHANGED(const char* name, bool compare, const String& target, const String& downloaded,
+               const char* what, const char* equal) {
+    if (!compare) {
+        ProvLog::progress("[%s] No %s comparison is done", name, what);
+        return false;
+    }
+    String stored;
+    XCode read = READ_STORED(target, stored);
+    if (read.isErr()) {
+        ProvLog::progress("[%s] No stored %s: %s", name, what, read.toString().c_str());
+        return false;
+    }
+    if (stored != downloaded) {
+        return false;
+    }
+    ProvLog::progress("[%s] Downloaded and stored %s are equal", name, equal);
+    return true;
 }
 
 XCode READ_STORED(const String& devicePath, String& content) {

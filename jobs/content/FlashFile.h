@@ -17,6 +17,11 @@ namespace FlashFile {
 // whose last component is empty, "." or ".." is refused, and so is a symbolic link.
 [[nodiscard]] XCode STORE(const String& devicePath, const String& content,
                           unsigned int mode = KtFile::MODE_SHARED);
+// The comparison of a content job: true when `compare` is set and `target` holds exactly
+// `downloaded`. Logs on MON_PROV "[name] No stored <what>: <reason>", "[name] Downloaded and
+// stored <equal> are equal" or, without `compare`, "[name] No <what> comparison is done".
+bool UNCHANGED(const char* name, bool compare, const String& target, const String& downloaded,
+               const char* what, const char* equal);
 // The part of `text` after its last `separator` (all of it when there is none).
 String LAST_COMPONENT(const String& text, char separator);
 

@@ -28,17 +28,8 @@ XCode KeyProvisioningJob::onSuccessfulFileDownload() {
     String downloaded;
     XCode result = FlashFile::READ_DOWNLOADED(outFile, downloaded);
     if (result.isSuccess()) {
-        if (compareWithStored) {
-            String stored;
-            XCode read = FlashFile::READ_STORED(KEY_PATH, stored);
-            if (read.isErr()) {
-                ProvLog::progress("[%s] No stored key: %s", n, read.toString().c_str());
-            } else if (stored == downloaded) {
-                ProvLog::progress("[%s] Downloaded and stored key are equal", n);
-                return testExpression(true);
-            }
-        } else {
-            ProvLog::progress("[%s] No key comparison is done", n);
+        if (FlashFile::UNCHANGED(n, compareWithStored, KEY_PATH, downloaded, "key", "key")) {
+            return testExpression(true);
         }
         ProvLog::progress("[%s] Storing key", n);
         result = FlashFile::STORE(KEY_PATH, downloaded, NEW_KEY_MODE);

@@ -33,18 +33,8 @@ XCode WizardProvisioningJob::onSuccessfulFileDownload() {
     bool unchanged = false;
     XCode result = FlashFile::READ_DOWNLOADED(outFile, downloaded);
     if (result.isSuccess()) {
-        if (compareWithStored) {
-            String stored;
-            XCode read = FlashFile::READ_STORED(target, stored);
-            if (read.isErr()) {
-                ProvLog::progress("[%s] No stored wizard: %s", n, read.toString().c_str());
-            } else if (stored == downloaded) {
-                ProvLog::progress("[%s] Downloaded and stored wizards are equal", n);
-                unchanged = true;
-            }
-        } else {
-            ProvLog::progress("[%s] No wizard comparison is done", n);
-        }
+        unchanged =
+            FlashFile::UNCHANGED(n, compareWithStored, target, downloaded, "wizard", "wizards");
         // Validation also applies to an unchanged wizard.
         if (!isValidWizard(downloaded)) {
             result = XCode::FAILURE("DOWNLOADED FILE IS NOT A VALID WIZARD");

@@ -79,22 +79,29 @@ XCode mapDevicePaths(std::vector<String>& words) {
     return XCode(XCode::SUCCESS);
 }
 
-// The argument list to run and the program's path, or the "cannot start" code.
-XCode prepare(const String& commandLine, String& program, std::vector<String>& arguments,
-              String& path) {
+// A command line made ready to run: the program's name as the line gives it (for messages), the
+// argument list to run and the program's path.
+struct Prepared {
+    String program;
+    std::vector<String> arguments;
+    String path;
+};
+
+// The command ready to run, or the "cannot start" code.
+XCode prepare(const String& commandLine, Prepared& prepared) {
     std::vector<String> words = Shell::SPLIT_WORDS(commandLine);
     if (words.empty()) {
         return emptyCommandLine();
     }
-    program = words.front();
+    prepared.program = words.front();
     XCode mapped = mapDevicePaths(words);
     if (mapped.isErr()) {
         return mapped;
     }
-    arguments = ShellControl::RESOLVE_TOOL(words);
-    int error = process::FIND_PROGRAM(arguments.front(), path);
+    prepared.arguments = ShellControl::RESOLVE_TOOL(words);
+    int error = process::FIND_PROGRAM(prepared.arguments.front(), prepared.path);
     if (error != 0) {
-        return process::CANNOT_START(program, error);
+        return process::CANNOT_START(prepared.program, error);
     }
     return XCode(XCode::SUCCESS);
 }
@@ -271,13 +278,12 @@ bool ShellControl::WAIT_FOR_RUNNING_COMMANDS(std::size_t count, std::chrono::mil
 
 XCode Shell::invoke(const String& commandLine, ResultCallback result, OutputCallback output,
                     OutputCallback errorOutput, Future<String>& future) {
-    String program;
-    std::vector<String> arguments;
-    String path;
-    XCode code = prepare(commandLine, program, arguments, path);
+    Prepared prepared;
+    XCode code = prepare(commandLine, prepared);
     if (code.isErr()) {
         return code;
     }
+    const String& program = prepared.program;
     process::Reactor& reactor = process::Reactor::INSTANCE();
     int error = reactor.start();
     int outPipe[2] = {-1, -1};
@@ -287,7 +293,7 @@ XCode Shell::invoke(const String& commandLine, ResultCallback result, OutputCall
     }
     pid_t pid = -1;
     if (error == 0) {
-        error = process::SPAWN(path, arguments, outPipe[1], errPipe[1], pid);
+        error = process::SPAWN(prepared.path, prepared.arguments, outPipe[1], errPipe[1], pid);
     }
     // The child holds the write ends now; ours would keep the pipes from ever reaching EOF.
     for (int* fds : {outPipe, errPipe}) {
@@ -319,20 +325,20 @@ XCode Shell::execute(const String& commandLine, String* output) {
 }
 
 XCode Shell::execute(const String& commandLine, String* output, const Limits& limits) {
-    String program;
-    std::vector<String> arguments;
-    String path;
-    XCode code = prepare(commandLine, program, arguments, path);
+    Prepared prepared;
+    XCode code = prepare(commandLine, prepared);
     if (code.isErr()) {
         return code;
     }
+    const String& program = prepared.program;
     int outPipe[2] = {-1, -1};
     if (output != nullptr && ::pipe2(outPipe, O_CLOEXEC) != 0) {
         return process::CANNOT_START(program, errno);
     }
     pid_t pid = -1;
     // Both streams share one pipe, so the collected text keeps their interleaving.
-    int error = process::SPAWN(path, arguments, outPipe[1], outPipe[1], pid, limits.fileSize);
+    int error = process::SPAWN(prepared.path, prepared.arguments, outPipe[1], outPipe[1], pid,
+                               limits.fileSize);
     if (outPipe[1] >= 0) {
         ::close(outPipe[1]);
         outPipe[1] = -1;
