@@ -135,18 +135,15 @@ XCode checkCredentials(const String& user, const String& password) {
     return result;
 }
 
-XCode buildArgs(bool quiet, const String& url, const String& user, const String& password,
-                const String& outFile, const String& https1, const String& https2,
-                const String& https3, bool followRedirects, std::vector<String>& args,
-                const String& extra) {
-    args.clear();
-    if (outFile.isEmpty() || outFile == "-") {
+namespace {
+
+// Every value that reaches wget's command line, checked before anything is created.
+XCode checkValues(const String& url, const String& user, const String& password,
+                  const String& output, const String& caCertificate, const String& certificate,
+                  const String& privateKey, const String& extra) {
+    if (output.isEmpty() || output == "-") {
         return XCode::FAILURE("NO OUTPUT FILE FOR WGET");
     }
-    const String& output = outFile;
-    const String& caCertificate = https1;
-    const String& certificate = https2;
-    const String& privateKey = https3;
     XCode result;
     for (const String* path : {&output, &caCertificate, &certificate, &privateKey}) {
         if (result.isSuccess()) {
@@ -162,46 +159,23 @@ XCode buildArgs(bool quiet, const String& url, const String& user, const String&
             return XCode::FAILURE("INVALID CHARACTER IN WGET ARGUMENT");
         }
     }
-    bool sendCredentials = !user.isEmpty() || !password.isEmpty();
-    if (sendCredentials) {
-        result = checkCredentials(user, password);
-        if (result.isErr()) {
-            return result;
-        }
+    if (!user.isEmpty() || !password.isEmpty()) {
+        return checkCredentials(user, password);
     }
+    return result;
+}
 
-    String privateDirectory;
-    if (sendCredentials || !caCertificate.isEmpty()) {
-        result = makePrivateDirectory(privateDirectory);
-        if (result.isErr()) {
-            return result;
-        }
-    }
-    std::vector<String> built;
-    built.push_back(quiet ? "-q" : "-nv");
-    built.push_back("-S");
-    if (sendCredentials) {
-        String path = privateDirectory + "/" + CREDENTIALS_FILE;
-        built.push_back(String(CONFIG_OPTION) + path);
-        result = writeCredentials(path, user, password);
-    } else {
-        built.push_back("--no-config");
-    }
-    built.push_back("--no-netrc");
-    built.push_back("--no-proxy");
-    built.push_back("--no-hsts");
-    built.push_back("--tries=1");
-    built.push_back("--timeout=30");
-    if (!followRedirects) {
-        built.push_back("--max-redirect=0");
-    }
-    built.push_back("-O");
-    built.push_back(output);
+// The HTTPS options: the CA certificate (with the private directory of its hashed copies, made
+// when `create`) and the client's certificate and key.
+XCode appendHttps(std::vector<String>& built, const String& privateDirectory, bool create,
+                  const String& caCertificate, const String& certificate,
+                  const String& privateKey) {
+    XCode result;
     if (!caCertificate.isEmpty()) {
         String path = privateDirectory + "/" + CA_DIRECTORY;
         built.push_back(String("--ca-certificate=") + caCertificate);
         built.push_back(String(CA_DIRECTORY_OPTION) + path);
-        if (result.isSuccess() && ::mkdir(Device::MAP_PATH(path).c_str(), 0700) != 0) {
+        if (create && ::mkdir(Device::MAP_PATH(path).c_str(), 0700) != 0) {
             result = XCode::SYSTEM_FAILURE(errno, "CANNOT CREATE", path);
         }
     }
@@ -210,6 +184,49 @@ XCode buildArgs(bool quiet, const String& url, const String& user, const String&
     }
     if (!privateKey.isEmpty()) {
         built.push_back(String("--private-key=") + privateKey);
+    }
+    return result;
+}
+
+}  // namespace
+
+XCode buildArgs(bool quiet, const String& url, const String& user, const String& password,
+                const String& outFile, const String& https1, const String& https2,
+                const String& https3, bool followRedirects, std::vector<String>& args,
+                const String& extra) {
+    args.clear();
+    XCode result = checkValues(url, user, password, outFile, https1, https2, https3, extra);
+    if (result.isErr()) {
+        return result;
+    }
+    const bool sendCredentials = !user.isEmpty() || !password.isEmpty();
+    String privateDirectory;
+    if (sendCredentials || !https1.isEmpty()) {
+        result = makePrivateDirectory(privateDirectory);
+        if (result.isErr()) {
+            return result;
+        }
+    }
+    std::vector<String> built = {quiet ? "-q" : "-nv", "-S"};
+    if (sendCredentials) {
+        String path = privateDirectory + "/" + CREDENTIALS_FILE;
+        built.push_back(String(CONFIG_OPTION) + path);
+        result = writeCredentials(path, user, password);
+    } else {
+        built.push_back("--no-config");
+    }
+    for (const char* option :
+         {"--no-netrc", "--no-proxy", "--no-hsts", "--tries=1", "--timeout=30"}) {
+        built.push_back(option);
+    }
+    if (!followRedirects) {
+        built.push_back("--max-redirect=0");
+    }
+    built.push_back("-O");
+    built.push_back(outFile);
+    XCode https = appendHttps(built, privateDirectory, result.isSuccess(), https1, https2, https3);
+    if (result.isSuccess()) {
+        result = https;
     }
     if (!extra.isEmpty()) {
         built.push_back(extra);

@@ -38,7 +38,8 @@ struct Controller {
 };
 
 Controller& controller() {
-    static Controller* const instance = new Controller;
+    // Never destroyed: a detached upgrade may still report while static objects go away.
+    static Controller* const instance = new Controller;  // NOLINT(cppcoreguidelines-owning-memory)
     return *instance;
 }
 

@@ -15,7 +15,7 @@ namespace UpdateController {
 
 namespace {
 
-constexpr std::size_t COPY_CHUNK = 64 * 1024;
+constexpr std::size_t COPY_CHUNK = std::size_t{64} * 1024;
 // Progress reports per image: one after each quarter.
 constexpr unsigned long long PROGRESS_STEPS = 4;
 

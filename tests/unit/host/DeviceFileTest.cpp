@@ -35,8 +35,6 @@ TEST_P(BadDeviceFileTest, isRefusedNamingFileLineColumnAndKey) {
     EXPECT_EQ(result.getString().str(), std::string(PATH) + ":" + GetParam().message);
 }
 
-const char* const KNOWN_TABLES = "(known: values, credentials, https, cli)";
-
 INSTANTIATE_TEST_SUITE_P(
     UnknownTablesAndKeys, BadDeviceFileTest,
     ::testing::Values(
