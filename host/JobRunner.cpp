@@ -2,14 +2,8 @@
 
 #include <chrono>
 
+#include "host/JobKinds.h"
 #include "host/StopSignals.h"
-#include "jobs/content/ConfigProvisioningJob.h"
-#include "jobs/content/DialplanProvisioningJob.h"
-#include "jobs/content/KeyProvisioningJob.h"
-#include "jobs/content/UploadProvisioningJob.h"
-#include "jobs/content/WizardProvisioningJob.h"
-#include "jobs/upgrade/FirmwareProvisioningJob.h"
-#include "jobs/upgrade/ScriptProvisioningJob.h"
 #include "platform/StatusDb.h"
 #include "platform/simulated/SimulatedStatusDb.h"
 #include "platform/simulated/SlotState.h"
@@ -49,50 +43,13 @@ String statusLocation() {
 std::unique_ptr<ProvisioningJob> BUILD_JOB(const JobRequest& request, KtEventLoop& loop,
                                            ProvisioningJob::CallbackHandler& handler,
                                            XCode& error) {
-    ExpressionResolver& resolver = *request.resolver;
-    const String& kind = request.kind;
-    std::unique_ptr<ProvisioningJob> job;
-    if (kind == "config") {
-        job = std::make_unique<ConfigProvisioningJob>(loop, request.name, request.reloadType,
-                                                      request.compare, request.locations,
-                                                      request.credentials, resolver, handler);
-    } else if (kind == "upload") {
-        job = std::make_unique<UploadProvisioningJob>(loop, request.name, request.reloadType,
-                                                      request.compare, request.locations,
-                                                      request.credentials, resolver, handler);
-    } else if (kind == "cdr-upload") {
-        job = std::make_unique<CdrUploadJob>(loop, request.name, request.sourceName,
-                                             request.reloadType, request.compare, request.locations,
-                                             request.credentials, resolver, handler);
-    } else if (kind == "dialplan") {
-        job = std::make_unique<DialplanProvisioningJob>(
-            loop, request.name, request.dialplanName, request.reloadType, request.compare,
-            request.locations, request.credentials, resolver, handler);
-    } else if (kind == "key") {
-        job = std::make_unique<KeyProvisioningJob>(loop, request.name, request.reloadType,
-                                                   request.compare, request.locations,
-                                                   request.credentials, resolver, handler);
-    } else if (kind == "wizard") {
-        job = std::make_unique<WizardProvisioningJob>(loop, request.name, request.reloadType,
-                                                      request.compare, request.locations,
-                                                      request.credentials, resolver, handler);
-    } else if (kind == "firmware") {
-        SlotState slots;
-        error = SlotState::LOAD(slots);
-        if (error.isErr()) {
-            return nullptr;
-        }
-        job = std::make_unique<FirmwareProvisioningJob>(
-            loop, request.name, request.reloadType, request.compare, request.locations,
-            request.credentials, resolver, handler, slots.version1, slots.version2,
-            slots.version(slots.active), slots.next, slots.active);
-    } else if (kind == "script") {
-        job = std::make_unique<ScriptProvisioningJob>(loop, request.name, request.reloadType,
-                                                      request.compare, request.locations,
-                                                      request.credentials, resolver, handler);
-    } else {
-        error = XCode::FAILURE();
-        error.setStringF("UNKNOWN JOB KIND %s", kind.c_str());
+    const JobKind* kind = FIND_JOB_KIND(request.kind);
+    if (kind == nullptr) {
+        error = XCode::FAILURE_F("UNKNOWN JOB KIND %s", request.kind.c_str());
+        return nullptr;
+    }
+    std::unique_ptr<ProvisioningJob> job = kind->build(request, loop, handler, error);
+    if (!job) {
         return nullptr;
     }
     if (request.httpsGiven) {
