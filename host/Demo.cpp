@@ -244,7 +244,7 @@ int RUN_DEMO(const DemoOptions& options) {
 
     printOut(
         String::format("Sample files:     %s\n"
-                       "TFTP server:      %s (atftpd)\n"
+                       "TFTP server:      %s (in.tftpd)\n"
                        "HTTP server:      %s (lighttpd; /secure/ needs realm \"%s\", "
                        "/old/office.txt answers 302)\n"
                        "Device directory: %s\n\n",

@@ -144,7 +144,7 @@ XCode STAGE_DEMO_FILES(const Demo& demo) {
 XCode START_DEMO_SERVERS(Demo& demo) {
     demo.tftp = std::make_unique<DemoTftpServer>(demo.tftpRoot);
     demo.http = std::make_unique<DemoHttpServer>(demo.httpDirectory, demo.docroot);
-    const String tftpLog = demo.servers + "/atftpd.log";
+    const String tftpLog = demo.servers + "/in.tftpd.log";
     XCode result = demo.tftp->start(tftpLog);
     if (result.isErr()) {
         return serverFailure("TFTP SERVER", result, tftpLog);

@@ -8,8 +8,7 @@ namespace Provctl {
 
 namespace {
 
-// atftpd serves a directory without chrooting into it, so that an ordinary user can run it.
-const char* const TFTPD = "/usr/sbin/atftpd";
+const char* const TFTPD = "/usr/sbin/in.tftpd";
 const char* const LIGHTTPD = "/usr/sbin/lighttpd";
 
 }  // namespace
@@ -17,6 +16,11 @@ const char* const LIGHTTPD = "/usr/sbin/lighttpd";
 // --- DemoTftpServer ---
 
 XCode DemoTftpServer::start(const String& logPath) {
+    if (::geteuid() != 0) {
+        return XCode::FAILURE(
+            "the TFTP server (in.tftpd) must be started by root: it chroots into the "
+            "served directory; run the demo as root or with sudo");
+    }
     LoopbackSocket socket;
     XCode result = socket.open(LoopbackSocket::Kind::Udp);
     if (result.isErr()) {
@@ -24,15 +28,10 @@ XCode DemoTftpServer::start(const String& logPath) {
     }
     port_ = socket.port();
     ServerProcess::Spec spec;
-    // Without --daemon it serves the socket on its standard input (inetd mode) until an hour
-    // passes without a request. It logs to standard error, which goes to `logPath`. It drops to
-    // its --user only when it may: as root it keeps root, which can read and write the files.
-    spec.argv = {TFTPD, "--logfile", "-", "--tftpd-timeout", "3600", "--no-multicast"};
-    if (::geteuid() == 0) {
-        spec.argv.push_back("--user");
-        spec.argv.push_back("root.root");
-    }
-    spec.argv.push_back(root_);
+    // Without --listen the daemon serves the socket on its standard input (inetd mode) until
+    // --timeout seconds pass without a request.
+    spec.argv = {TFTPD,  "--secure",  "--permissive", "--create", "--user",
+                 "root", "--timeout", "3600",         root_};
     spec.env = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C"};
     spec.fds = {{0, socket.fd()}};
     spec.logPath = logPath;

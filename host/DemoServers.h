@@ -6,18 +6,18 @@
 #include "platform/String.h"
 #include "platform/XCode.h"
 
-// The demo's own servers on loopback: atftpd and lighttpd, each started on a socket that this
+// The demo's own servers on loopback: tftpd-hpa and lighttpd, each started on a socket that this
 // process binds on 127.0.0.1 with a port chosen by the kernel and hands over (inetd style for
 // tftpd, socket activation for lighttpd), so no other process can take the port in between.
 // Everything here runs on the calling thread; one object per server, owned by the demo.
 namespace Provctl {
 
-// atftpd serving `root` (no chroot, so any user may run it; uploads may create files).
+// tftpd-hpa serving `root` (secure mode: chrooted there; uploads may create files).
 class DemoTftpServer {
   public:
     explicit DemoTftpServer(String root) : root_(std::move(root)) {}
     // Starts the daemon and returns once it has answered a request; `logPath` receives its
-    // standard error. Any user may start it.
+    // standard error. Needs root: the daemon chroots into the served directory.
     [[nodiscard]] XCode start(const String& logPath);
     void stop() { process_.stop(); }
     unsigned int port() const { return port_; }

@@ -65,7 +65,7 @@ SYNOPSIS
     provctl demo [-v LEVEL]
 
 DESCRIPTION
-    Starts a TFTP server (atftpd) and an HTTP server (lighttpd) on free loopback ports,
+    Starts a TFTP server (in.tftpd) and an HTTP server (lighttpd) on free loopback ports,
     serving the bundled sample files (share/provisioning/demo of the installation, or
     host/demo-files of the source tree): a configuration, a dial plan, a key, a wizard, a
     firmware archive (made with tar at start) and a script. The HTTP server asks for Basic
@@ -82,7 +82,7 @@ DESCRIPTION
     At the end it prints one table row per job: kind, location, result, what changed in the
     device directory (status/ left out) and whether the job did what it should. The servers
     are stopped on every path, SIGINT and SIGTERM included; the device directory stays for
-    inspection. Neither server needs privileges: any user may run the demo.
+    inspection. The TFTP server chroots into its directory, so the demo needs root.
 
 OPTIONS
     -v LEVEL            highest monitor level shown on standard error (default 3: failures;

@@ -118,7 +118,7 @@ XCode PROBE_TFTP(unsigned int port, ServerProcess& process) {
     request += "octet";
     request.push_back('\0');
     const Clock::time_point deadline = Clock::now() + SERVER_START_DEADLINE;
-    XCode result = XCode::FAILURE("the TFTP server did not answer in time");
+    XCode result = XCode::FAILURE("in.tftpd did not answer in time");
     while (Clock::now() < deadline && STOP_SIGNAL() == 0 && process.running()) {
         ::sendto(fd, request.data(), request.size(), 0, reinterpret_cast<const sockaddr*>(&server),
                  sizeof server);
@@ -135,7 +135,7 @@ XCode PROBE_TFTP(unsigned int port, ServerProcess& process) {
     }
     ::close(fd);
     if (result.isErr() && !process.running()) {
-        result = XCode::FAILURE("the TFTP server ended at start");
+        result = XCode::FAILURE("in.tftpd ended at start");
     }
     return result;
 }
