@@ -38,7 +38,7 @@ if [ -n "${PROV_BENCH_NICE:-}" ]; then
 fi
 
 echo "==> Release build in $BUILD"
-cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DPROV_TESTS=ON \
+cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DPROV_WERROR=ON -DPROV_TESTS=ON \
     -DPROV_BENCH=ON >/dev/null
 mkdir -p /tmp/provisioning
 cmake --build "$BUILD" -j "$(nproc)" --target provisioning prov_platform provctl JobSuite \

@@ -8,6 +8,7 @@
 
 #include "host/CommandWords.h"
 #include "host/JobKinds.h"
+#include "host/ManPage.h"
 
 namespace Provctl {
 
@@ -144,6 +145,26 @@ void copyOptions(const RawOptions& raw, Options& options) {
     options.text = raw.text;
 }
 
+// "provctl help [COMMAND]" and the build's "provctl --man".
+ParseOutcome printHelp(CLI::App& app, const std::vector<std::string>& words) {
+    if (words[0] == "--man") {
+        std::fputs(MAN_PAGE().c_str(), stdout);
+        return ParseOutcome::Done;
+    }
+    if (words.size() > 2) {
+        PRINT_USAGE_ERROR("help takes one command", String());
+        return ParseOutcome::UsageError;
+    }
+    if (words.size() == 2 && !CHECK_COMMAND_WORDS(app, {words[1]})) {
+        return ParseOutcome::UsageError;
+    }
+    const String command = words.size() == 2 ? String(words[1]) : String("provctl");
+    // "help help" is the overview as well.
+    const String page = MANUAL_PAGE(command == "help" ? String("provctl") : command);
+    std::fputs(page.c_str(), stdout);
+    return ParseOutcome::Done;
+}
+
 bool wasGiven(const CLI::App& command, const char* name) {
     const CLI::Option* option = command.get_option_no_throw(name);
     return option != nullptr && option->count() > 0;
@@ -171,6 +192,9 @@ ParseOutcome PARSE_COMMAND_LINE(int argc, char** argv, Options& options) {
     CLI::App app("provctl", "provctl");
     buildCommands(app, raw);
     std::vector<std::string> words(argv + 1, argv + std::max(argc, 1));
+    if (!words.empty() && (words[0] == "help" || words[0] == "--man")) {
+        return printHelp(app, words);
+    }
     if (!CHECK_COMMAND_WORDS(app, words)) {
         return ParseOutcome::UsageError;
     }

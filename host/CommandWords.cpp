@@ -174,12 +174,16 @@ bool CHECK_COMMAND_WORDS(CLI::App& app, const std::vector<std::string>& words) {
                           String());
         return false;
     }
-    const std::vector<String> commands = commandNames(app);
+    std::vector<String> commands = commandNames(app);
+    commands.emplace_back("help");
     if (std::find(commands.begin(), commands.end(), String(first)) == commands.end()) {
         PRINT_USAGE_ERROR(String::format("unknown command '%s'", shown(first).c_str()) +
                               nearHint(String(first), commands),
                           String());
         return false;
+    }
+    if (first == "help") {
+        return true;
     }
     return checkOptionWords(app, *app.get_subcommand(first), words);
 }

@@ -16,6 +16,7 @@ SYNOPSIS
     provctl demo [-v LEVEL]
     provctl --version
     provctl [COMMAND] --help
+    provctl help [COMMAND]
 
 DESCRIPTION
     provctl plays the device's management process on an ordinary Linux host. It keeps the
@@ -37,7 +38,9 @@ COMMANDS
     script        download a script and have the update controller run it
     demo          provision a new simulated device from the demo's own servers
 
-    "provctl COMMAND --help" describes each command.
+    help          print this page, or a command's page ("provctl help config")
+
+    "provctl COMMAND --help" describes each command; "man provctl" holds every page.
 
 DEVICE DIRECTORY
     --device DIR, default $XDG_STATE_HOME/provctl/device (or ~/.local/state/provctl/device),

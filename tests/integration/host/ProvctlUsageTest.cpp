@@ -196,4 +196,17 @@ TEST_F(ProvctlUsageTest, aResultThatCannotBeWrittenIsAFailure) {
     }
 }
 
+TEST_F(ProvctlUsageTest, helpPrintsTheOverviewOrACommandsPage) {
+    Outcome overview = provctl({"help"});
+    EXPECT_EQ(overview.status, 0);
+    EXPECT_EQ(overview.out, provctl({"--help"}).out);
+    Outcome config = provctl({"help", "config"});
+    EXPECT_EQ(config.status, 0);
+    EXPECT_EQ(config.out, provctl({"config", "--help"}).out);
+    EXPECT_TRUE(contains(config.out, "provctl config - ")) << config.out;
+    expectRefused({"help", "configure"}, "unknown command 'configure' (did you mean 'config'?)",
+                  LIST_HINT);
+    expectRefused({"help", "config", "key"}, "help takes one command", LIST_HINT);
+}
+
 }  // namespace

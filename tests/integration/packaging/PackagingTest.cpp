@@ -284,4 +284,41 @@ TEST_F(PackagingTest, jemallocServesTheLibraryInProvctlAndInTheExample) {
         std::vector<std::string>{"libc.so.6"});
 }
 
+TEST_F(PackagingTest, theManualPageIsInstalledAndManShowsIt) {
+    const std::string page = prefix_ + "/share/man/man1/provctl.1";
+    ASSERT_TRUE(std::filesystem::exists(page));
+    // groff finds nothing to warn about in it.
+    CommandResult checked = runCommand({"/usr/bin/groff", "-man", "-Tutf8", "-ww", "-z", page});
+    EXPECT_EQ(checked.exitStatus, 0);
+    EXPECT_EQ(checked.output, "");
+    CommandResult shown = runCommand({"/usr/bin/env", "MANPATH=" + prefix_ + "/share/man",
+                                      "MANPAGER=cat", "MANWIDTH=100", "/usr/bin/man", "provctl"});
+    EXPECT_EQ(shown.exitStatus, 0) << shown.output;
+    for (const char* part : {"provctl - run provisioning jobs against a simulated device",
+                             "provctl help [COMMAND]", "provctl config - download a configuration",
+                             "--ca-certificate FILE", "provctl demo - provision a new simulated"}) {
+        EXPECT_TRUE(contains(shown.output, part)) << part << "\n" << shown.output;
+    }
+}
+
+// The recipe of docs/INTEGRATION.md, as a packager runs it: no option, so no tests, no
+// benchmarks, and warnings that stay warnings.
+TEST_F(PackagingTest, aPlainConfigureBuildsTheLibrariesAndProvctlOnly) {
+    const std::string build = dir_.file("plain-build");
+    CommandResult configured =
+        runCommand({package_.cache("CMAKE_COMMAND"), "-S", PROV_SOURCE_DIR, "-B", build, "-G",
+                    package_.cache("CMAKE_GENERATOR"),
+                    "-DCMAKE_MAKE_PROGRAM=" + package_.cache("CMAKE_MAKE_PROGRAM")},
+                   BUILD_DEADLINE);
+    ASSERT_EQ(configured.exitStatus, 0) << configured.output;
+    CommandResult targets =
+        runCommand({package_.cache("CMAKE_MAKE_PROGRAM"), "-C", build, "-t", "targets", "all"});
+    ASSERT_EQ(targets.exitStatus, 0) << targets.output;
+    EXPECT_TRUE(contains(targets.output, "host/provctl:")) << targets.output;
+    EXPECT_TRUE(contains(targets.output, "libprovisioning.so")) << targets.output;
+    EXPECT_FALSE(contains(targets.output, "unit_")) << targets.output;
+    EXPECT_FALSE(contains(targets.output, "JobSuite")) << targets.output;
+    EXPECT_FALSE(contains(provtest::readFile(build + "/build.ninja"), "-Werror"));
+}
+
 }  // namespace
